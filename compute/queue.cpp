@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "compute/queue.hpp"
+
+#include "compute/backend.hpp"
+
+namespace halden::compute {
+
+queue::queue(const device& dev, async_handler handler) : m_device(dev), m_handler(std::move(handler)) {
+    if (m_device.get_backend() == backend::cuda) m_stream = cuda::create_stream(m_device.ordinal());
+}
+
+queue::~queue() {
+    try {
+        wait();
+    } catch (...) {
+        // A handler that rethrows has nowhere to go from a destructor.
+    }
+    if (m_stream) cuda::destroy_stream(m_device.ordinal(), m_stream);
+}
+
+void queue::copy(const void* src, void* dst, std::size_t bytes) {
+    if (m_device.get_backend() == backend::native)
+        native::copy(src, dst, bytes);
+    else
+        cuda::copy(m_device.ordinal(), m_stream, src, dst, bytes);
+}
+
+void queue::synchronize() {
+    if (!m_stream) return;
+    std::string failure = cuda::synchronize(m_device.ordinal(), m_stream);
+    if (!failure.empty()) report_async_error(std::move(failure));
+}
+
+void queue::wait() {
+    synchronize();
+    if (m_pending.empty()) return;
+    exception_list errors;
+    for (const std::string& text : m_pending) errors.push_back(std::make_exception_ptr(exception(text)));
+    m_pending.clear();
+    if (m_handler) m_handler(std::move(errors));
+}
+
+void queue::wait_and_throw() {
+    synchronize();
+    if (m_pending.empty()) return;
+    std::string text;
+    for (const std::string& t : m_pending) text += (text.empty() ? "" : "; ") + t;
+    m_pending.clear();
+    throw exception(text);
+}
+
+void queue::no_cuda_kernel() const {
+    throw exception("this kernel was built without CUDA support; device " + m_device.name() + " cannot run it");
+}
+
+void queue::after_cuda_launch() {
+    std::string failure = cuda::last_launch_error();
+    if (!failure.empty()) report_async_error(std::move(failure));
+#if defined(HALDEN_SYNC_EACH_KERNEL)
+    // Debug builds: a fault is reported right after the kernel that caused it.
+    synchronize();
+#endif
+}
+
+}  // namespace halden::compute

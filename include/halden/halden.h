@@ -1,0 +1,226 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/*
+ * Halden: terrain-processing compute kernels behind a plain C interface.
+ *
+ * The application lists the usable devices (GetDevices), turns a device key
+ * into a queue (CreateSyclQueue), calls one export per operation with host
+ * arrays and a parameter record, and destroys the queue at the end. Every
+ * operation runs on the queue's device and writes its results into the
+ * caller's arrays before it returns. Results are bit-identical on every
+ * device.
+ *
+ * Valid as C and as C++. C++ users see the records in their namespaces
+ * (median_filter::Parameters, halden::DeviceRecord, halden::Callbacks).
+ */
+#ifndef HALDEN_HALDEN_H
+#define HALDEN_HALDEN_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#  if defined(HALDEN_BUILDING)
+#    define HALDEN_API __declspec(dllexport)
+#  else
+#    define HALDEN_API __declspec(dllimport)
+#  endif
+#else
+#  define HALDEN_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+#  define HALDEN_NOEXCEPT noexcept
+#  define HALDEN_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+extern "C" {
+#else
+#  define HALDEN_NOEXCEPT
+#  define HALDEN_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Status codes of the operation exports.                                    */
+
+#define HALDEN_STATUS_OK 0u              /* ran, no asynchronous error reported */
+#define HALDEN_STATUS_OUT_OF_MEMORY 2u   /* device memory pre-check (or an allocation) failed */
+#define HALDEN_STATUS_DEVICE_ERROR 3u    /* an asynchronous device error or a runtime error was
+                                            reported; the results are not to be trusted */
+
+/* ------------------------------------------------------------------------ */
+/* Device record (56 bytes).                                                  */
+/*
+ * name      the device's name, e.g. "AdaptiveCpp OpenMP host device"
+ * type      device class: 1 CPU of the host back-end, 2 another CPU,
+ *           3 integrated GPU, 4 discrete GPU, 5 accelerator
+ * backend   the back-end's name: "Native" (OpenMP on the CPU) or "CUDA"
+ * vendor    second identifying text ("NVIDIA" for CUDA devices)
+ * driver    third identifying text (the driver version)
+ * arch      fourth identifying text (e.g. "sm_90"; the CPU architecture for
+ *           the host device)
+ * flag1     cleared
+ * flag2     set for devices of the host back-end (no architecture test)
+ *
+ * All strings are owned by the record and freed by FreeDevices or
+ * FreeDeviceInfo; none of them contains '/'. Any string may be null.
+ */
+typedef struct halden_device_record {
+    char* name;
+    int64_t type;
+    char* backend;
+    char* vendor;
+    char* driver;
+    char* arch;
+    uint8_t flag1;
+    uint8_t flag2;
+    uint8_t padding[6];
+} halden_device_record;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_device_record) == 56, "device record is 56 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, type) == 8, "type at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, backend) == 16, "backend at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, vendor) == 24, "vendor at 24");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, driver) == 32, "driver at 32");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, arch) == 40, "arch at 40");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, flag1) == 48, "flag1 at 48");
+HALDEN_STATIC_ASSERT(offsetof(halden_device_record, flag2) == 49, "flag2 at 49");
+
+/* ------------------------------------------------------------------------ */
+/* Callback table (64 bytes, eight slots).                                    */
+/*
+ * Given to CreateSyclQueue (copied into one process-wide table: the last
+ * call wins) and, as the last argument, to operation exports (copied into
+ * the operation's own table on every call). A null table or a null slot
+ * means the do-nothing default. Message texts are valid only during the
+ * call.
+ *
+ * slot 0 debug     debug text
+ * slot 1 progress  progress in percent; a nonzero return asks to cancel
+ * slot 2 info      information text
+ * slot 3 warning   warning text
+ * slot 4 error     error text
+ * slot 5 reserve   the operation is about to use this many bytes of device memory
+ * slot 6 release   the operation has released the bytes it reserved
+ * slot 7 cancel    polled by long operations; a nonzero return asks to cancel
+ */
+typedef void (*halden_text_fn)(const char* text);
+typedef int32_t (*halden_progress_fn)(float percent);
+typedef void (*halden_bytes_fn)(uint64_t bytes);
+typedef int32_t (*halden_cancel_fn)(void);
+
+typedef struct halden_callbacks {
+    halden_text_fn debug;
+    halden_progress_fn progress;
+    halden_text_fn info;
+    halden_text_fn warning;
+    halden_text_fn error;
+    halden_bytes_fn reserve;
+    halden_bytes_fn release;
+    halden_cancel_fn cancel;
+} halden_callbacks;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_callbacks) == 64, "callback table is 64 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, progress) == 8, "slot 1 at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, info) == 16, "slot 2 at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, error) == 32, "slot 4 at 32");
+HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, reserve) == 40, "slot 5 at 40");
+HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, release) == 48, "slot 6 at 48");
+HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, cancel) == 56, "slot 7 at 56");
+
+/* Opaque queue handle: one in-order queue bound to one device. */
+typedef struct halden_queue halden_queue;
+
+/* ------------------------------------------------------------------------ */
+/* Devices and queues.                                                        */
+
+/*
+ * Lists the usable devices: the host (OpenMP) device first, then CUDA
+ * devices of sm_60 or newer with at least 1 GiB of memory. Writes the count
+ * and an array owned by the caller, to be freed with FreeDevices. Sends
+ * "Device scan started (AdaptiveCpp)" and "Device scan finished" through the
+ * information slot of the process-wide table.
+ *
+ *   halden_device_record* list; uint32_t n;
+ *   GetDevices(&list, &n); ... FreeDevices(list);
+ */
+HALDEN_API void GetDevices(halden_device_record** devices, uint32_t* count) HALDEN_NOEXCEPT;
+
+/* Frees an array returned by GetDevices. Null is ignored. */
+HALDEN_API void FreeDevices(halden_device_record* devices) HALDEN_NOEXCEPT;
+
+/* Describes the device behind a queue; null (with an error text) on failure.
+ * Free the record with FreeDeviceInfo. */
+HALDEN_API halden_device_record* GetDeviceInfo(halden_queue* queue) HALDEN_NOEXCEPT;
+
+/* Frees a record returned by GetDeviceInfo. Null is ignored. */
+HALDEN_API void FreeDeviceInfo(halden_device_record* info) HALDEN_NOEXCEPT;
+
+/*
+ * Installs `callbacks` as the process-wide table and returns a queue on the
+ * device named by `key`, or null when no device matches. A key is "cpu" (the
+ * host device) or the class word and strings backend/vendor/driver/arch of a
+ * listed record joined by '/', e.g. "GpuDiscrete/CUDA/NVIDIA/13.0/sm_90"; the
+ * class words are "Cpu", "GpuIntegrated", "GpuDiscrete" and "Accelerator".
+ * The standard error stream object (std::cerr) is pointed at the null device
+ * on every call: the library's messages arrive only through the callbacks.
+ *
+ *   halden_queue* q = CreateSyclQueue("cpu", &callbacks);
+ *   ... DestroySyclQueue(q);
+ */
+HALDEN_API halden_queue* CreateSyclQueue(const char* key, const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* Waits for the queue's work and frees it. Null is ignored. If waiting fails
+ * the failure is reported and the queue is kept. */
+HALDEN_API void DestroySyclQueue(halden_queue* queue) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Median filter.                                                             */
+/*
+ * size        side of the square grid in cells (any size of at least 1)
+ * radius      radius of the circular window in cells, 1 to 8; larger values
+ *             act as 8, 0 or negative (as int32) is rejected
+ * iterations  number of passes; 0 leaves the grid unchanged
+ * reserved    carried, not read
+ *
+ * Defaults worth starting from: radius 2, iterations 1.
+ */
+typedef struct halden_median_filter_parameters {
+    uint32_t size;
+    uint32_t radius;
+    uint32_t iterations;
+    uint32_t reserved;
+} halden_median_filter_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_median_filter_parameters) == 16, "median filter record is 16 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_median_filter_parameters, radius) == 4, "radius at 4");
+HALDEN_STATIC_ASSERT(offsetof(halden_median_filter_parameters, iterations) == 8, "iterations at 8");
+
+/*
+ * Smooths the size x size row-major grid in place: each cell becomes the
+ * mean of the median and its two neighbours in sorted order of the values in
+ * a rounded disc of the given radius (edge cells replicated), times
+ * 0.333333f. Removes spikes and pits, keeps edges.
+ *
+ * Always returns 0. Errors (null arguments, a bad radius, a device failure)
+ * are reported through the error slot of the process-wide table, and the grid
+ * is then left as it was.
+ *
+ *   halden_median_filter_parameters p = {1024, 3, 1, 0};
+ *   MedianFilter(q, heights, &p);
+ */
+HALDEN_API uint32_t MedianFilter(halden_queue* queue, float* grid,
+                                 const halden_median_filter_parameters* parameters) HALDEN_NOEXCEPT;
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+namespace halden {
+using DeviceRecord = ::halden_device_record;
+using Callbacks = ::halden_callbacks;
+using Queue = ::halden_queue;
+}  // namespace halden
+
+namespace median_filter {
+using Parameters = ::halden_median_filter_parameters;
+}  // namespace median_filter
+#endif
+
+#endif /* HALDEN_HALDEN_H */

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+// Circular median-type filter: each cell becomes the mean of the median and
+// its two neighbours in sorted order of a rounded disc around it.
+#pragma once
+
+#include <cstdint>
+
+#include "compute/compute.hpp"
+#include "core/bits.hpp"
+#include "halden/halden.h"
+
+namespace median_filter {
+
+// Fills the unused slots of the value list, so that they sort to the end.
+inline constexpr float padding = 100000000.0f;
+// 0x3EAAAA9F, the float nearest to the decimal 0.333333, not to one third.
+inline constexpr float one_third = 0.333333f;
+inline constexpr int tile = 32;
+inline constexpr int max_radius = 8;
+
+// The kernel's radius: the record's radius as a signed value, at most 8.
+inline int effective_radius(std::uint32_t radius) {
+    const auto r = static_cast<std::int32_t>(radius);
+    return r < max_radius ? r : max_radius;
+}
+
+// Whether offset (dx, dy) lies in the disc of radius r. r * r + 2 rounds the
+// disc out so that the cells diagonally next to each axis end are kept.
+HALDEN_HD inline bool in_disc(int dx, int dy, int r) { return dx * dx + dy * dy <= r * r + 2; }
+
+// Ascending bitonic network over N slots (N a power of two). Ties, and NaNs,
+// stay where the network leaves them.
+template <int N>
+HALDEN_HD void bitonic_sort(float* v) {
+    for (int k = 2; k <= N; k <<= 1)
+        for (int j = k >> 1; j > 0; j >>= 1)
+            for (int i = 0; i < N; ++i) {
+                const int l = i ^ j;
+                if (l <= i) continue;
+                const bool ascending = (i & k) == 0;
+                if (ascending ? v[i] > v[l] : v[i] < v[l]) {
+                    const float t = v[i];
+                    v[i] = v[l];
+                    v[l] = t;
+                }
+            }
+}
+
+// Moves the k-th smallest of a[0, n) to a[k], smaller or equal values before
+// it and greater or equal ones after it. Inputs must hold no NaN.
+HALDEN_HD inline void select_kth(float* a, int n, int k) {
+    int lo = 0, hi = n - 1;
+    while (lo < hi) {
+        const float pivot = a[k];
+        int i = lo, j = hi;
+        do {
+            while (a[i] < pivot) ++i;
+            while (pivot < a[j]) --j;
+            if (i <= j) {
+                const float t = a[i];
+                a[i] = a[j];
+                a[j] = t;
+                ++i;
+                --j;
+            }
+        } while (i <= j);
+        if (j < k) lo = i;
+        if (k < i) hi = j;
+    }
+}
+
+// The filter's value for the n gathered values in v[0, n) (1 <= n <= Capacity):
+// sort the list padded to Capacity slots, take m = n / 2 and return
+// ((v[m + 1] + v[m]) + v[m - 1]) * 0.333333f. v is scratch of Capacity floats.
+//
+// Any sort gives the same multiset order, so a selection suffices, except
+// where values compare equal but differ in bits (+0 and -0) or do not compare
+// at all (NaN): there only the network's own order gives its bits.
+template <int Capacity>
+HALDEN_HD float mean_of_median3(float* v, int n) {
+    const int m = n / 2;
+    int below = 0, above = 0;
+    bool exact_order_needed = false;
+    bool seen_zero = false, zero_negative = false;
+    for (int i = 0; i < n; ++i) {
+        const float x = v[i];
+        below += x < padding;
+        above += x > padding;
+        if (x != x) exact_order_needed = true;
+        if (x == 0.0f) {
+            const bool negative = halden::float_bits(x) != 0u;
+            if (seen_zero && negative != zero_negative) exact_order_needed = true;
+            seen_zero = true;
+            zero_negative = negative;
+        }
+    }
+    if (exact_order_needed) {
+        for (int i = n; i < Capacity; ++i) v[i] = padding;
+        bitonic_sort<Capacity>(v);
+        return ((v[m + 1] + v[m]) + v[m - 1]) * one_third;
+    }
+    // In sorted order, slots [below, Capacity - above) all hold the padding
+    // value (padding or gathered values equal to it); gathered values above it
+    // come after. That run is wider than three slots, so the gathered ranks
+    // that the window m - 1 .. m + 1 needs are consecutive.
+    const int run_end = Capacity - above;
+    float picked[3];
+    int first_rank = -1;
+    for (int s = 0; s < 3; ++s) {
+        const int slot = m - 1 + s;
+        const int rank = slot < below ? slot : (slot >= run_end ? slot - (Capacity - n) : -1);
+        if (rank >= 0 && first_rank < 0) {
+            first_rank = rank;
+            select_kth(v, n, rank);
+            // The next ranks are the smallest values after it.
+            for (int t = rank + 1; t < n && t <= rank + 2; ++t) {
+                int best = t;
+                for (int u = t + 1; u < n; ++u)
+                    if (v[u] < v[best]) best = u;
+                const float tmp = v[t];
+                v[t] = v[best];
+                v[best] = tmp;
+            }
+        }
+        picked[s] = rank >= 0 ? v[rank] : padding;
+    }
+    return ((picked[2] + picked[1]) + picked[0]) * one_third;
+}
+
+// Filters the size x size grid at h_grid in place, iterations times.
+template <int Capacity>
+void filter(halden::compute::queue& q, float* h_grid, Parameters parameters);
+
+}  // namespace median_filter

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+// The compute layer on every device: launch geometry, work-groups with local
+// memory and barriers, atomics, device memory owners.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <numeric>
+#include <vector>
+
+#include "compute/compute.hpp"
+
+using namespace halden::compute;
+
+namespace {
+
+class Compute : public ::testing::TestWithParam<backend> {
+protected:
+    void SetUp() override {
+        for (const device& d : get_devices())
+            if (d.get_backend() == GetParam()) {
+                q = std::make_unique<queue>(d, [this](exception_list e) { handled += e.size(); });
+                return;
+            }
+        GTEST_SKIP() << "no device of this back-end";
+    }
+    std::unique_ptr<queue> q;
+    std::size_t handled = 0;
+};
+
+std::vector<std::int32_t> to_host(queue& q, const usm_ptr<std::int32_t, 1>& d) {
+    std::vector<std::int32_t> h(d.size());
+    d.copy_to_host(h.data());
+    q.wait();
+    return h;
+}
+
+}  // namespace
+
+TEST_P(Compute, RangesVisitEveryIndexExactlyOnce) {
+    const range<2> shapes[] = {{1, 1}, {1, 1000}, {1000, 1}, {33, 65}, {256, 257}, {3, 70000}};
+    for (range<2> r : shapes) {
+        SCOPED_TRACE(std::to_string(r.rows) + "x" + std::to_string(r.cols));
+        usm_ptr<std::int32_t, 1> visits(*q, {r.count()});
+        std::vector<std::int32_t> zero(r.count(), 0);
+        visits.copy_from_host(zero.data());
+        std::int32_t* d = visits.get();
+        const std::size_t cols = r.cols;
+        q->parallel_for(r, HALDEN_KERNEL(std::size_t row, std::size_t col) { atomic_add(d + row * cols + col, 1); });
+        q->parallel_for(range<1>{r.count()}, HALDEN_KERNEL(std::size_t i) { atomic_add(d + i, 10); });
+        const std::vector<std::int32_t> h = to_host(*q, visits);
+        for (std::size_t i = 0; i < h.size(); ++i) ASSERT_EQ(h[i], 11) << "index " << i;
+    }
+}
+
+TEST_P(Compute, WorkGroupsShareLocalMemoryAcrossABarrier) {
+    // Each item stores its id, then reads the id that the mirrored item stored
+    // before the barrier; partial groups at the edge still take part.
+    const std::size_t rows = 37, cols = 45;
+    const nd_range nd{{(rows + 7) / 8, (cols + 15) / 16}, {8, 16}};
+    usm_ptr<std::int32_t, 1> out(*q, {rows * cols});
+    std::int32_t* d_out = out.get();
+    q->parallel_for_work_group<std::int32_t>(
+        nd, 8 * 16,
+        HALDEN_KERNEL(const group_item& it, std::int32_t* local) {
+            local[it.local_linear()] = static_cast<std::int32_t>(it.global_row() * 1000 + it.global_col());
+        },
+        HALDEN_KERNEL(const group_item& it, std::int32_t* local) {
+            const std::size_t row = it.global_row(), col = it.global_col();
+            if (row >= rows || col >= cols) return;
+            d_out[row * cols + col] = local[it.local_size() - 1 - it.local_linear()];
+        });
+    const std::vector<std::int32_t> h = to_host(*q, out);
+    for (std::size_t row = 0; row < rows; ++row)
+        for (std::size_t col = 0; col < cols; ++col) {
+            const std::size_t mirror_row = row / 8 * 8 + (7 - row % 8), mirror_col = col / 16 * 16 + (15 - col % 16);
+            ASSERT_EQ(h[row * cols + col], std::int32_t(mirror_row * 1000 + mirror_col)) << row << "," << col;
+        }
+}
+
+TEST_P(Compute, AtomicsCountEveryUpdate) {
+    const std::size_t n = 100000;
+    usm_ptr<float, 1> f(*q, {1});
+    usm_ptr<std::int32_t, 1> i(*q, {1});
+    usm_ptr<std::uint32_t, 1> u(*q, {1});
+    const float f0 = 0.0f;
+    const std::int32_t i0 = 0;
+    const std::uint32_t u0 = 0;
+    f.copy_from_host(&f0);
+    i.copy_from_host(&i0);
+    u.copy_from_host(&u0);
+    float* d_f = f.get();
+    std::int32_t* d_i = i.get();
+    std::uint32_t* d_u = u.get();
+    q->parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t) {
+        atomic_add(d_f, 1.0f);
+        atomic_add(d_i, -2);
+        // Increment through compare-and-swap, retrying on contention.
+        std::uint32_t seen = *static_cast<volatile std::uint32_t*>(d_u), prev;
+        while ((prev = atomic_compare_exchange(d_u, seen, seen + 1)) != seen) seen = prev;
+    });
+    float hf;
+    std::int32_t hi;
+    std::uint32_t hu;
+    f.copy_to_host(&hf);
+    i.copy_to_host(&hi);
+    u.copy_to_host(&hu);
+    q->wait();
+    EXPECT_EQ(hf, float(n));  // integers below 2^24 add exactly in any order
+    EXPECT_EQ(hi, -2 * std::int32_t(n));
+    EXPECT_EQ(hu, n);
+}
+
+TEST_P(Compute, BufferWritesBackUnlessTheQueueFailed) {
+    std::vector<float> host(100);
+    std::iota(host.begin(), host.end(), 0.0f);
+    {
+        buffer<float, 1> b(*q, host.data(), {host.size()});
+        float* d = b.get();
+        q->parallel_for(range<1>{100}, HALDEN_KERNEL(std::size_t k) { d[k] *= 2.0f; });
+    }
+    EXPECT_EQ(host[99], 198.0f);
+    {
+        buffer<float, 1> b(*q, host.data(), {host.size()});
+        float* d = b.get();
+        q->parallel_for(range<1>{100}, HALDEN_KERNEL(std::size_t k) { d[k] = -1.0f; });
+        q->report_async_error("injected");
+    }
+    // The failed results never reached the caller's array.
+    EXPECT_EQ(host[99], 198.0f);
+    q->wait();
+    EXPECT_EQ(handled, 1u);
+}
+
+TEST_P(Compute, OversizedAllocationsThrowOutOfMemory) {
+    EXPECT_THROW((usm_ptr<float, 2>(*q, {std::size_t(1) << 40, std::size_t(1) << 40})), out_of_memory);
+    EXPECT_THROW((usm_ptr<float, 1>(*q, {std::size_t(1) << 62})), out_of_memory);
+    EXPECT_THROW((usm_ptr<char, 1>(*q, {std::size_t(1) << 52})), out_of_memory);
+    usm_ptr<float, 2> a(*q, {4, 8});
+    EXPECT_EQ(a.size(), 32u);
+    usm_ptr<float, 2> b(std::move(a));
+    EXPECT_EQ(a.get(), nullptr);
+    EXPECT_EQ(b.extent().cols, 8u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, Compute, ::testing::Values(backend::native, backend::cuda),
+                         [](const ::testing::TestParamInfo<backend>& i) {
+                             return i.param == backend::native ? std::string("Native") : std::string("Cuda");
+                         });
+
+TEST(ComputeDevices, HostDeviceIsListedFirst) {
+    const std::vector<device> list = get_devices();
+    ASSERT_FALSE(list.empty());
+    EXPECT_EQ(list[0].get_backend(), backend::native);
+    EXPECT_TRUE(list[0].is_cpu());
+    EXPECT_TRUE(list[0].has_host_unified_memory());
+    EXPECT_GT(list[0].global_mem_size(), 0u);
+}

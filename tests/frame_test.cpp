@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: Apache-2.0
+// The call frame every operation export runs in: pre-check, announcement,
+// asynchronous-error flag, status codes, and matched reserve/release.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "api/frame.hpp"
+#include "support.hpp"
+
+using namespace halden;
+using halden::test::messages;
+
+namespace {
+
+constexpr std::uint64_t MiB = 1024 * 1024;
+
+// The module's own copy of the caller's record, as each module keeps one.
+halden_callbacks module_copy;
+
+class Frame : public ::testing::Test {
+protected:
+    void SetUp() override {
+        queue = CreateSyclQueue("cpu", &test::capturing_callbacks());
+        ASSERT_NE(queue, nullptr);
+        messages().clear();
+    }
+    void TearDown() override { DestroySyclQueue(queue); }
+
+    template <class Body>
+    std::uint32_t run(std::uint64_t need, Body body) {
+        return api::run(*queue, api::frame{"TestOperation", &module_copy, &test::capturing_callbacks(), need}, body);
+    }
+
+    halden_queue* queue = nullptr;
+};
+
+}  // namespace
+
+TEST_F(Frame, SuccessAnnouncesTheFloorOnTheHostAndReleasesIt) {
+    bool ran = false;
+    EXPECT_EQ(run(3 * 1024 * MiB, [&] {
+                  ran = true;
+                  return 0u;
+              }),
+              0u);
+    EXPECT_TRUE(ran);
+    // Host memory belongs to the application: only the 64 MiB floor is announced.
+    EXPECT_EQ(messages().reserved, (std::vector<std::uint64_t>{64 * MiB}));
+    EXPECT_EQ(messages().released, messages().reserved);
+    EXPECT_TRUE(messages().error.empty());
+}
+
+TEST_F(Frame, AnnouncedBytesOnADeviceWithItsOwnMemory) {
+    compute::device_properties p;
+    p.gpu = true;
+    const compute::device gpu(compute::backend::cuda, 0, p);
+    EXPECT_EQ(api::announced_bytes(gpu, 0), 64 * MiB);
+    EXPECT_EQ(api::announced_bytes(gpu, 64 * MiB), 64 * MiB);
+    EXPECT_EQ(api::announced_bytes(gpu, 64 * MiB + 1), 64 * MiB + 1);
+    EXPECT_EQ(api::announced_bytes(gpu, 5000 * MiB), 5000 * MiB);
+    EXPECT_EQ(api::announced_bytes(compute::host_device(), 5000 * MiB), 64 * MiB);
+}
+
+TEST_F(Frame, ImpossibleSizeGivesStatusTwoWithoutRunning) {
+    for (std::uint64_t need : {std::uint64_t(1) << 50, ~std::uint64_t(0)}) {
+        SCOPED_TRACE(need);
+        messages().clear();
+        bool ran = false;
+        EXPECT_EQ(run(need, [&] {
+                      ran = true;
+                      return 0u;
+                  }),
+                  2u);
+        EXPECT_FALSE(ran);
+        EXPECT_TRUE(messages().reserved.empty());
+        EXPECT_TRUE(messages().released.empty());
+        ASSERT_EQ(messages().error.size(), 1u);
+        EXPECT_NE(messages().error[0].find("TestOperation: not enough device memory"), std::string::npos);
+    }
+}
+
+TEST_F(Frame, InjectedAsynchronousErrorGivesStatusThree) {
+    EXPECT_EQ(run(MiB, [&] {
+                  queue->queue.report_async_error("injected fault");
+                  return 0u;
+              }),
+              3u);
+    EXPECT_EQ(messages().error, (std::vector<std::string>{"Caught asynchronous SYCL exception: injected fault"}));
+    EXPECT_EQ(messages().released, messages().reserved);
+    EXPECT_EQ(g_async_error, 1);
+    // The next call starts with a clear flag.
+    EXPECT_EQ(run(MiB, [] { return 0u; }), 0u);
+}
+
+TEST_F(Frame, ExceptionsBecomeMessagesAndStatusCodes) {
+    struct expectation {
+        std::function<void()> fail;
+        std::uint32_t status;
+        std::string text;
+    };
+    const std::vector<expectation> cases{
+        {[] { throw compute::out_of_memory("grid: cannot allocate"); }, 2u,
+         "Memory allocation error on device AdaptiveCpp OpenMP host device (Native): grid: cannot allocate"},
+        {[] { throw compute::exception("launch failed"); }, 3u,
+         "Runtime error on device AdaptiveCpp OpenMP host device (Native): launch failed"},
+        {[] { throw std::invalid_argument("bad"); }, 3u, "Error: bad"},
+        {[] { throw 42; }, 3u, "Error: unknown exception"},
+    };
+    for (const expectation& c : cases) {
+        SCOPED_TRACE(c.text);
+        messages().clear();
+        EXPECT_EQ(run(MiB, [&] {
+                      c.fail();
+                      return 0u;
+                  }),
+                  c.status);
+        EXPECT_EQ(messages().error, (std::vector<std::string>{c.text}));
+        EXPECT_EQ(messages().reserved.size(), 1u);
+        EXPECT_EQ(messages().released, messages().reserved);
+    }
+}
+
+TEST_F(Frame, OperationsOwnStatusPassesThrough) { EXPECT_EQ(run(MiB, [] { return 7u; }), 7u); }
+
+TEST_F(Frame, ExportsWithoutARecordAlwaysReturnZero) {
+    const api::frame plain{"PlainOperation"};
+    EXPECT_EQ(api::run(*queue, plain,
+                       [&] {
+                           queue->queue.report_async_error("fault");
+                           return 0u;
+                       }),
+              0u);
+    EXPECT_EQ(api::run(*queue, plain, []() -> std::uint32_t { throw compute::exception("boom"); }), 0u);
+    // Reported through the process-wide table; nothing announced.
+    EXPECT_EQ(messages().error.size(), 2u);
+    EXPECT_TRUE(messages().reserved.empty());
+}
+
+TEST_F(Frame, NullCallerRecordMeansDefaults) {
+    EXPECT_EQ(api::run(*queue, api::frame{"TestOperation", &module_copy, nullptr, MiB}, [] { return 0u; }), 0u);
+    EXPECT_TRUE(messages().reserved.empty());
+}
