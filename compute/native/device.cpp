@@ -47,7 +47,7 @@ device_properties host_properties() {
     device_properties p;
     p.name = "AdaptiveCpp OpenMP host device";
     p.vendor = cpu_vendor();
-    p.driver_version = "OpenMP " + std::to_string(_OPENMP);
+    p.driver_version = "OpenMP-" + std::to_string(_OPENMP);  // no spaces: keys travel on command lines
     p.architecture = cpu_architecture();
     p.cpu = true;
     p.host_unified_memory = true;

@@ -76,6 +76,10 @@ HALDEN_HD inline void select_kth(float* a, int n, int k) {
 // Any sort gives the same multiset order, so a selection suffices, except
 // where values compare equal but differ in bits (+0 and -0) or do not compare
 // at all (NaN): there only the network's own order gives its bits.
+// GPUs turn every NaN result into one pattern, CPUs keep the operand's
+// payload: results that are NaN are stored as one quiet NaN on every device.
+HALDEN_HD inline float canonical(float x) { return x != x ? halden::bits_float(0x7FC00000u) : x; }
+
 template <int Capacity>
 HALDEN_HD float mean_of_median3(float* v, int n) {
     const int m = n / 2;
@@ -97,7 +101,7 @@ HALDEN_HD float mean_of_median3(float* v, int n) {
     if (exact_order_needed) {
         for (int i = n; i < Capacity; ++i) v[i] = padding;
         bitonic_sort<Capacity>(v);
-        return ((v[m + 1] + v[m]) + v[m - 1]) * one_third;
+        return canonical(((v[m + 1] + v[m]) + v[m - 1]) * one_third);
     }
     // In sorted order, slots [below, Capacity - above) all hold the padding
     // value (padding or gathered values equal to it); gathered values above it
@@ -124,7 +128,7 @@ HALDEN_HD float mean_of_median3(float* v, int n) {
         }
         picked[s] = rank >= 0 ? v[rank] : padding;
     }
-    return ((picked[2] + picked[1]) + picked[0]) * one_third;
+    return canonical(((picked[2] + picked[1]) + picked[0]) * one_third);
 }
 
 // Filters the size x size grid at h_grid in place, iterations times.

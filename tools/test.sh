@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds (CUDA when nvcc is found), runs the tests,
+# then builds and runs them again under AddressSanitizer and UBSan (CPU only).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages="cmake ninja-build g++ libgtest-dev libbenchmark-dev"
+if ! dpkg -s $packages >/dev/null 2>&1; then
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $packages
+fi
+export PATH="$PATH:/usr/local/cuda/bin"
+jobs=$(nproc)
+
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DHALDEN_CUDA=AUTO
+cmake --build build -j "$jobs"
+ctest --test-dir build --output-on-failure -j "$jobs"
+
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHALDEN_CUDA=OFF -DHALDEN_SANITIZE=ON \
+      -DHALDEN_BUILD_BENCHMARKS=OFF
+cmake --build build-asan -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest --test-dir build-asan --output-on-failure -j "$jobs"
