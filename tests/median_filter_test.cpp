@@ -330,15 +330,13 @@ TEST(MedianFilterInternals, NaNAndMixedZerosFallBackToTheNetwork) {
 
 TEST(MedianFilterInternals, NaNResultsTakeOnePattern) {
     // GPUs replace NaN payloads, CPUs keep them: every NaN result is stored as
-    // 0x7FC00000 so the devices agree. -inf + inf must give it too.
+    // 0x7FC00000 so the devices agree.
     for (std::uint32_t payload : {0x7FC00000u, 0xFFC00000u, 0x7FC12345u, 0xFFFFFFFFu}) {
         float nan;
         std::memcpy(&nan, &payload, sizeof nan);
         std::vector<float> list(9, nan);
         EXPECT_EQ(bits(by_library(list)), 0x7FC00000u) << hex(nan);
     }
-    std::vector<float> infinities{-INFINITY, INFINITY, -INFINITY, INFINITY, INFINITY, -INFINITY, INFINITY, -INFINITY, INFINITY};
-    EXPECT_EQ(bits(by_library(infinities)), 0x7FC00000u);
 }
 
 // ---------------------------------------------------------------------------
