@@ -69,6 +69,39 @@ HALDEN_HD inline void select_kth(float* a, int n, int k) {
     }
 }
 
+// Lists up to this long are ranked by counting, which never branches on the
+// data; longer ones by selection, whose linear cost wins despite its branches.
+inline constexpr int counted_list = 64;
+
+// out[i] = the value of rank k + i (0-based, ascending) of a[0, n), for the
+// ranks below n. Inputs must hold no NaN; a may be reordered.
+HALDEN_HD inline void ranked_values(float* a, int n, int k, float* out) {
+    if (n <= counted_list) {
+        for (int i = 0; i < n; ++i) {
+            // Equal values rank by position, so the ranks form a permutation.
+            const float x = a[i];
+            int r = 0;
+            for (int j = 0; j < i; ++j) r += a[j] <= x;
+            for (int j = i + 1; j < n; ++j) r += a[j] < x;
+            const int d = r - k;
+            if (d >= 0 && d < 3) out[d] = a[i];
+        }
+        return;
+    }
+    select_kth(a, n, k);
+    out[0] = a[k];
+    // The next ranks are the smallest values after it.
+    for (int t = k + 1; t < n && t <= k + 2; ++t) {
+        int best = t;
+        for (int u = t + 1; u < n; ++u)
+            if (a[u] < a[best]) best = u;
+        const float tmp = a[t];
+        a[t] = a[best];
+        a[best] = tmp;
+        out[t - k] = a[t];
+    }
+}
+
 // The filter's value for the n gathered values in v[0, n) (1 <= n <= Capacity):
 // sort the list padded to Capacity slots, take m = n / 2 and return
 // ((v[m + 1] + v[m]) + v[m - 1]) * 0.333333f. v is scratch of Capacity floats.
@@ -108,26 +141,17 @@ HALDEN_HD float mean_of_median3(float* v, int n) {
     // come after. That run is wider than three slots, so the gathered ranks
     // that the window m - 1 .. m + 1 needs are consecutive.
     const int run_end = Capacity - above;
-    float picked[3];
+    int rank[3];
     int first_rank = -1;
     for (int s = 0; s < 3; ++s) {
         const int slot = m - 1 + s;
-        const int rank = slot < below ? slot : (slot >= run_end ? slot - (Capacity - n) : -1);
-        if (rank >= 0 && first_rank < 0) {
-            first_rank = rank;
-            select_kth(v, n, rank);
-            // The next ranks are the smallest values after it.
-            for (int t = rank + 1; t < n && t <= rank + 2; ++t) {
-                int best = t;
-                for (int u = t + 1; u < n; ++u)
-                    if (v[u] < v[best]) best = u;
-                const float tmp = v[t];
-                v[t] = v[best];
-                v[best] = tmp;
-            }
-        }
-        picked[s] = rank >= 0 ? v[rank] : padding;
+        rank[s] = slot < below ? slot : (slot >= run_end ? slot - (Capacity - n) : -1);
+        if (rank[s] >= 0 && first_rank < 0) first_rank = rank[s];
     }
+    float from_first[3] = {padding, padding, padding};
+    if (first_rank >= 0) ranked_values(v, n, first_rank, from_first);
+    float picked[3];
+    for (int s = 0; s < 3; ++s) picked[s] = rank[s] >= 0 ? from_first[rank[s] - first_rank] : padding;
     return canonical(((picked[2] + picked[1]) + picked[0]) * one_third);
 }
 
