@@ -33,13 +33,10 @@ public:
 
     const device& get_device() const { return m_device; }
 
-    // body(i) for i in [0, r.size).
-    template <class F>
-    void parallel_for(range<1> r, F body);
-
-    // body(row, col) for every cell of r.
-    template <class F>
-    void parallel_for(range<2> r, F body);
+    // body(i) for i in [0, r.size) of a range<1>; body(row, col) for every
+    // cell of a range<2>.
+    template <int D, class F>
+    void parallel_for(range<D> r, F body);
 
     // Work-group launch: every phase runs as phase(const group_item&, T* local)
     // for all items of a group, with a barrier between consecutive phases.
@@ -77,24 +74,9 @@ private:
     std::vector<std::string> m_pending;
 };
 
-template <class F>
-void queue::parallel_for(range<1> r, F body) {
-    if (r.size == 0) return;
-    if (m_device.get_backend() == backend::native) {
-        native::launch(r, body);
-        return;
-    }
-#if defined(__CUDACC__)
-    cuda::launch(m_stream, r, body);
-    after_cuda_launch();
-#else
-    no_cuda_kernel();
-#endif
-}
-
-template <class F>
-void queue::parallel_for(range<2> r, F body) {
-    if (r.rows == 0 || r.cols == 0) return;
+template <int D, class F>
+void queue::parallel_for(range<D> r, F body) {
+    if (r.count() == 0) return;
     if (m_device.get_backend() == backend::native) {
         native::launch(r, body);
         return;

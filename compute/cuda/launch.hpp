@@ -12,14 +12,16 @@
 
 namespace halden::compute::cuda {
 
+// Launch bounds match the block sizes below, so a heavy body spills to local
+// memory instead of failing to launch for want of registers.
 template <class F>
-__global__ void kernel_1d(std::size_t n, F body) {
+__global__ void __launch_bounds__(256) kernel_1d(std::size_t n, F body) {
     const std::size_t stride = std::size_t(gridDim.x) * blockDim.x;
     for (std::size_t i = std::size_t(blockIdx.x) * blockDim.x + threadIdx.x; i < n; i += stride) body(i);
 }
 
 template <class F>
-__global__ void kernel_2d(std::size_t rows, std::size_t cols, F body) {
+__global__ void __launch_bounds__(256) kernel_2d(std::size_t rows, std::size_t cols, F body) {
     const std::size_t col = std::size_t(blockIdx.x) * blockDim.x + threadIdx.x;
     if (col >= cols) return;  // the grid is rounded up to whole blocks
     const std::size_t stride = std::size_t(gridDim.y) * blockDim.y;
@@ -28,7 +30,7 @@ __global__ void kernel_2d(std::size_t rows, std::size_t cols, F body) {
 }
 
 template <class T, class... Phases>
-__global__ void kernel_groups(Phases... phases) {
+__global__ void __launch_bounds__(1024) kernel_groups(Phases... phases) {
     extern __shared__ __align__(16) unsigned char shared_bytes[];
     T* local = reinterpret_cast<T*>(shared_bytes);
     const group_item it{blockIdx.y, blockIdx.x, threadIdx.y, threadIdx.x, blockDim.y, blockDim.x};
