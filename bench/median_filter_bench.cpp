@@ -24,11 +24,6 @@ std::vector<float> terrain(std::uint32_t size) {
     return h;
 }
 
-std::string key_of(const halden_device_record& r) {
-    const char* word = r.type == 1 ? "Cpu" : r.type == 3 ? "GpuIntegrated" : r.type == 4 ? "GpuDiscrete" : "Accelerator";
-    return std::string(word) + "/" + r.backend + "/" + r.vendor + "/" + r.driver + "/" + r.arch;
-}
-
 void run_median_filter(benchmark::State& state, std::string key, std::uint32_t size, std::uint32_t radius) {
     halden_queue* q = CreateSyclQueue(key.c_str(), nullptr);
     if (!q) {
@@ -58,7 +53,8 @@ int main(int argc, char** argv) {
     std::uint32_t count = 0;
     GetDevices(&devices, &count);
     for (std::uint32_t d = 0; d < count; ++d) {
-        const std::string key = key_of(devices[d]);
+        char key[512];
+        halden_device_key(&devices[d], key, sizeof key);
         const std::string label = std::string(devices[d].backend) + ":" + devices[d].name;
         for (std::uint32_t size : {1024u, 4096u})
             for (std::uint32_t radius : {1u, 3u, 8u})

@@ -61,17 +61,6 @@ std::int64_t class_code(const char* word) {
     return 0;
 }
 
-const char* class_word(std::int64_t code) {
-    switch (code) {
-        case class_cpu: return "Cpu";
-        case class_other_cpu: return other_cpu_word;
-        case class_gpu_integrated: return "GpuIntegrated";
-        case class_gpu_discrete: return "GpuDiscrete";
-        case class_accelerator: return "Accelerator";
-        default: return "";
-    }
-}
-
 description describe(const compute::device& dev) {
     description d;
     d.name = dev.name();
@@ -108,12 +97,6 @@ bool passes_architecture_test(const description& d, compute::backend be) {
             return false;
         default: return true;
     }
-}
-
-std::string key_of(const halden_device_record& r) {
-    auto text = [](const char* s) { return std::string(s ? s : ""); };
-    return std::string(class_word(r.type)) + "/" + text(r.backend) + "/" + text(r.vendor) + "/" + text(r.driver) +
-           "/" + text(r.arch);
 }
 
 std::vector<std::string> split_key(const std::string& key) {

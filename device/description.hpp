@@ -25,7 +25,7 @@ enum : std::int64_t { class_cpu = 1, class_other_cpu = 2, class_gpu_integrated =
                       class_accelerator = 5 };
 
 // The word a key carries for class 2. It is recognised only by its hash.
-inline constexpr const char* other_cpu_word = "Foreignzjaztx";
+inline const char* const other_cpu_word = halden_class_word(2);
 
 const char* backend_name(compute::backend be);
 description describe(const compute::device& dev);
@@ -33,13 +33,9 @@ description describe(const compute::device& dev);
 // h = h * 33 + byte from 5385, bytes as signed char, modulo 2^32.
 std::uint32_t class_word_hash(const char* word);
 std::int64_t class_code(const char* word);
-const char* class_word(std::int64_t code);
 
 // Whether GetDevices lists a described device of the given back-end.
 bool passes_architecture_test(const description& d, compute::backend be);
-
-// "Class/backend/vendor/driver/arch" for a record.
-std::string key_of(const halden_device_record& record);
 
 // The key's fields, split at every '/' (empty fields kept).
 std::vector<std::string> split_key(const std::string& key);

@@ -27,10 +27,9 @@ const halden_callbacks& capturing_callbacks() {
 }
 
 std::string key_of(const halden_device_record& r) {
-    const char* word = r.type == 1 ? "Cpu" : r.type == 3 ? "GpuIntegrated" : r.type == 4 ? "GpuDiscrete"
-                                           : r.type == 5 ? "Accelerator" : "";
-    auto s = [](const char* p) { return std::string(p ? p : ""); };
-    return std::string(word) + "/" + s(r.backend) + "/" + s(r.vendor) + "/" + s(r.driver) + "/" + s(r.arch);
+    std::string key(std::size_t(halden_device_key(&r, nullptr, 0)), '\0');
+    halden_device_key(&r, key.data(), key.size() + 1);
+    return key;
 }
 
 std::string first_cuda_key() {

@@ -169,11 +169,9 @@ std::string text_of(const char* s) { return s ? s : ""; }
 
 // The key that names a record's device in CreateSyclQueue.
 std::string device_key(const halden_device_record& r) {
-    static const char* const kClass[] = {"Unknown", "Cpu", "Foreignzjaztx", "GpuIntegrated", "GpuDiscrete",
-                                         "Accelerator"};
-    const char* word = r.type >= 1 && r.type <= 5 ? kClass[r.type] : kClass[0];
-    return std::string(word) + "/" + text_of(r.backend) + "/" + text_of(r.vendor) + "/" + text_of(r.driver) + "/" +
-           text_of(r.arch);
+    std::string key(std::size_t(halden_device_key(&r, nullptr, 0)), '\0');
+    halden_device_key(&r, key.data(), key.size() + 1);
+    return key;
 }
 
 std::string json_string(const std::string& s) {

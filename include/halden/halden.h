@@ -17,6 +17,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #if defined(_WIN32)
 #  if defined(HALDEN_BUILDING)
@@ -124,6 +125,30 @@ HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, error) == 32, "slot 4 at 32");
 HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, reserve) == 40, "slot 5 at 40");
 HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, release) == 48, "slot 6 at 48");
 HALDEN_STATIC_ASSERT(offsetof(halden_callbacks, cancel) == 56, "slot 7 at 56");
+
+/* The class word that a key carries for a record's type; "" for none. */
+static inline const char* halden_class_word(int64_t type) {
+    switch (type) {
+        case 1: return "Cpu";
+        case 2: return "Foreignzjaztx"; /* recognised by its hash only */
+        case 3: return "GpuIntegrated";
+        case 4: return "GpuDiscrete";
+        case 5: return "Accelerator";
+        default: return "";
+    }
+}
+
+/*
+ * Writes the key that selects a record's device, class word and strings
+ * joined by '/', into key[capacity] like snprintf, and returns its length.
+ *
+ *   char key[256]; halden_device_key(&list[i], key, sizeof key);
+ */
+static inline int halden_device_key(const halden_device_record* record, char* key, size_t capacity) {
+    return snprintf(key, capacity, "%s/%s/%s/%s/%s", halden_class_word(record->type),
+                    record->backend ? record->backend : "", record->vendor ? record->vendor : "",
+                    record->driver ? record->driver : "", record->arch ? record->arch : "");
+}
 
 /* Opaque queue handle: one in-order queue bound to one device. */
 typedef struct halden_queue halden_queue;

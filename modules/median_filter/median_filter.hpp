@@ -102,6 +102,10 @@ HALDEN_HD inline void ranked_values(float* a, int n, int k, float* out) {
     }
 }
 
+// GPUs turn every NaN result into one pattern, CPUs keep the operand's
+// payload: results that are NaN are stored as one quiet NaN on every device.
+HALDEN_HD inline float canonical(float x) { return x != x ? halden::bits_float(0x7FC00000u) : x; }
+
 // The filter's value for the n gathered values in v[0, n) (1 <= n <= Capacity):
 // sort the list padded to Capacity slots, take m = n / 2 and return
 // ((v[m + 1] + v[m]) + v[m - 1]) * 0.333333f. v is scratch of Capacity floats.
@@ -109,10 +113,6 @@ HALDEN_HD inline void ranked_values(float* a, int n, int k, float* out) {
 // Any sort gives the same multiset order, so a selection suffices, except
 // where values compare equal but differ in bits (+0 and -0) or do not compare
 // at all (NaN): there only the network's own order gives its bits.
-// GPUs turn every NaN result into one pattern, CPUs keep the operand's
-// payload: results that are NaN are stored as one quiet NaN on every device.
-HALDEN_HD inline float canonical(float x) { return x != x ? halden::bits_float(0x7FC00000u) : x; }
-
 template <int Capacity>
 HALDEN_HD float mean_of_median3(float* v, int n) {
     const int m = n / 2;
