@@ -64,6 +64,7 @@ public:
     }
 
     T* get() const { return m_ptr; }
+    queue& get_queue() const { return *m_queue; }
     range<D> extent() const { return m_extent; }
     std::size_t size() const { return m_count; }
     std::size_t bytes() const { return m_count * sizeof(T); }
@@ -93,8 +94,20 @@ public:
     ~buffer() { write_back(); }
     buffer(const buffer&) = delete;
     buffer& operator=(const buffer&) = delete;
+    buffer(buffer&& o) noexcept : m_mem(std::move(o.m_mem)), m_queue(o.m_queue), m_host(o.m_host) { o.m_host = nullptr; }
+    // The replaced buffer writes back to its own host array first.
+    buffer& operator=(buffer&& o) noexcept {
+        if (this == &o) return *this;
+        write_back();
+        m_mem = std::move(o.m_mem);
+        m_queue = o.m_queue;
+        m_host = o.m_host;
+        o.m_host = nullptr;
+        return *this;
+    }
 
     T* get() const { return m_mem.get(); }
+    queue& get_queue() const { return *m_queue; }
     range<D> extent() const { return m_mem.extent(); }
     // Exchanges device contents with another buffer of the same extent; each
     // keeps its host binding.

@@ -8,24 +8,13 @@
 #include <vector>
 
 #include "compute/compute.hpp"
+#include "support.hpp"
 
 using namespace halden::compute;
 
 namespace {
 
-class Compute : public ::testing::TestWithParam<backend> {
-protected:
-    void SetUp() override {
-        for (const device& d : get_devices())
-            if (d.get_backend() == GetParam()) {
-                q = std::make_unique<queue>(d, [this](exception_list e) { handled += e.size(); });
-                return;
-            }
-        GTEST_SKIP() << "no device of this back-end";
-    }
-    std::unique_ptr<queue> q;
-    std::size_t handled = 0;
-};
+class Compute : public halden::test::BackendTest {};
 
 std::vector<std::int32_t> to_host(queue& q, const usm_ptr<std::int32_t, 1>& d) {
     std::vector<std::int32_t> h(d.size());
@@ -142,10 +131,7 @@ TEST_P(Compute, OversizedAllocationsThrowOutOfMemory) {
     EXPECT_EQ(b.extent().cols, 8u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Compute, ::testing::Values(backend::native, backend::cuda),
-                         [](const ::testing::TestParamInfo<backend>& i) {
-                             return i.param == backend::native ? std::string("Native") : std::string("Cuda");
-                         });
+HALDEN_INSTANTIATE_ON_BACKENDS(Compute);
 
 TEST(ComputeDevices, HostDeviceIsListedFirst) {
     const std::vector<device> list = get_devices();

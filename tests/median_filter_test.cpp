@@ -22,6 +22,7 @@ namespace {
 using halden::test::bits;
 using halden::test::DeviceTest;
 using halden::test::first_difference;
+using halden::test::hex;
 using halden::test::messages;
 
 // Written out here rather than taken from the library, so that a wrong
@@ -30,12 +31,6 @@ constexpr float kPad = 100000000.0f;
 constexpr float kThird = 0.333333f;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-std::string hex(float x) {
-    std::ostringstream s;
-    s << x << " (0x" << std::hex << bits(x) << ")";
-    return s.str();
-}
 
 // The ascending bitonic network over 256 slots; the only order that fixes
 // where NaNs and zeros of either sign end up.

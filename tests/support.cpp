@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support.hpp"
 
+#include <random>
+#include <sstream>
+
 namespace halden::test {
 namespace {
 
@@ -64,6 +67,46 @@ void DeviceTest::SetUp() {
 void DeviceTest::TearDown() {
     DestroySyclQueue(queue);
     queue = nullptr;
+}
+
+void BackendTest::SetUp() {
+    for (const compute::device& d : compute::get_devices())
+        if (d.get_backend() == GetParam()) {
+            q = std::make_unique<compute::queue>(d, [this](compute::exception_list e) { handled += e.size(); });
+            return;
+        }
+    GTEST_SKIP() << "no device of this back-end";
+}
+
+std::string backend_name(const ::testing::TestParamInfo<compute::backend>& info) {
+    return info.param == compute::backend::native ? "Native" : "Cuda";
+}
+
+core::grid upload(compute::queue& q, const std::vector<float>& cells, int w, int h) {
+    core::grid g(q, core::grid_extent(w, h), "test grid");
+    g.copy_from_host(cells.data());
+    return g;
+}
+
+std::vector<float> download(const core::grid& g) {
+    std::vector<float> cells(g.size());
+    g.copy_to_host(cells.data());
+    g.get_queue().wait();
+    return cells;
+}
+
+std::vector<float> random_cells(int w, int h, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-100.0f, 100.0f);
+    std::vector<float> v(std::size_t(w) * h);
+    for (float& x : v) x = u(rng);
+    return v;
+}
+
+std::string hex(float x) {
+    std::ostringstream s;
+    s << x << " (0x" << std::hex << bits(x) << ")";
+    return s.str();
 }
 
 std::string device_name(const ::testing::TestParamInfo<std::string>& info) {

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "compute/compute.hpp"
+#include "core/grid.hpp"
 #include "halden/halden.h"
 
 namespace halden::test {
@@ -53,5 +55,30 @@ std::string device_name(const ::testing::TestParamInfo<std::string>& info);
 
 #define HALDEN_INSTANTIATE_ON_DEVICES(fixture) \
     INSTANTIATE_TEST_SUITE_P(Devices, fixture, ::testing::Values("cpu", "cuda"), ::halden::test::device_name)
+
+// A compute-layer queue on the first device of each back-end, for tests of
+// internals; `handled` counts the errors its handler received.
+class BackendTest : public ::testing::TestWithParam<compute::backend> {
+protected:
+    void SetUp() override;
+    std::unique_ptr<compute::queue> q;
+    std::size_t handled = 0;
+};
+
+std::string backend_name(const ::testing::TestParamInfo<compute::backend>& info);
+
+#define HALDEN_INSTANTIATE_ON_BACKENDS(fixture)                                                              \
+    INSTANTIATE_TEST_SUITE_P(Backends, fixture,                                                             \
+                             ::testing::Values(::halden::compute::backend::native, ::halden::compute::backend::cuda), \
+                             ::halden::test::backend_name)
+
+// A w x h device grid holding `cells`, and the cells of a device grid (waits).
+core::grid upload(compute::queue& q, const std::vector<float>& cells, int w, int h);
+std::vector<float> download(const core::grid& g);
+// w x h values uniform in [-100, 100), the same for the same seed.
+std::vector<float> random_cells(int w, int h, unsigned seed);
+
+// Values of a float grid for failure messages: "1.5 (0x3fc00000)".
+std::string hex(float x);
 
 }  // namespace halden::test
