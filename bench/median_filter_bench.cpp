@@ -8,21 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.hpp"
 #include "halden/halden.h"
 
 namespace {
-
-std::vector<float> terrain(std::uint32_t size) {
-    std::vector<float> h(std::size_t(size) * size);
-    std::uint32_t s = 12345;
-    for (std::size_t i = 0; i < h.size(); ++i) {
-        s ^= s << 13;
-        s ^= s >> 17;
-        s ^= s << 5;
-        h[i] = float(i % size) * 0.25f + float(s >> 8) * 0x1p-24f * 10.0f;
-    }
-    return h;
-}
 
 void run_median_filter(benchmark::State& state, std::string key, std::uint32_t size, std::uint32_t radius) {
     halden_queue* q = CreateSyclQueue(key.c_str(), nullptr);
@@ -30,7 +19,7 @@ void run_median_filter(benchmark::State& state, std::string key, std::uint32_t s
         state.SkipWithError("no queue");
         return;
     }
-    const std::vector<float> input = terrain(size);
+    const std::vector<float> input = halden::bench::terrain(size);
     std::vector<float> grid = input;
     const halden_median_filter_parameters p{size, radius, 1, 0};
     MedianFilter(q, grid.data(), &p);  // warm-up: first-use costs stay out of the figures
@@ -41,32 +30,21 @@ void run_median_filter(benchmark::State& state, std::string key, std::uint32_t s
         MedianFilter(q, grid.data(), &p);
         benchmark::DoNotOptimize(grid.data());
     }
-    state.counters["Mcells/s"] =
+    state.counters["Mcells"] =
         benchmark::Counter(double(size) * size * double(state.iterations()) / 1e6, benchmark::Counter::kIsRate);
     DestroySyclQueue(q);
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    halden_device_record* devices = nullptr;
-    std::uint32_t count = 0;
-    GetDevices(&devices, &count);
-    for (std::uint32_t d = 0; d < count; ++d) {
-        char key[512];
-        halden_device_key(&devices[d], key, sizeof key);
-        const std::string label = std::string(devices[d].backend) + ":" + devices[d].name;
+void register_median_filter_benchmarks() {
+    for (const halden::bench::device_entry& d : halden::bench::devices())
         for (std::uint32_t size : {1024u, 4096u})
             for (std::uint32_t radius : {1u, 3u, 8u})
                 benchmark::RegisterBenchmark(
-                    ("MedianFilter/" + label + "/" + std::to_string(size) + "/r" + std::to_string(radius)).c_str(),
-                    run_median_filter, key, size, radius)
+                    ("MedianFilter/" + d.label + "/" + std::to_string(size) + "/r" + std::to_string(radius)).c_str(),
+                    run_median_filter, d.key, size, radius)
                     ->Unit(benchmark::kMillisecond)
                     ->UseRealTime()
                     ->MinTime(0.5);
-    }
-    FreeDevices(devices);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
 }

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// The benchmarks of every operation, per listed device.
+#include <benchmark/benchmark.h>
+
+void register_median_filter_benchmarks();
+void register_thermal_shaper_benchmarks();
+void register_resampling_benchmarks();
+
+int main(int argc, char** argv) {
+    register_median_filter_benchmarks();
+    register_thermal_shaper_benchmarks();
+    register_resampling_benchmarks();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}
