@@ -10,7 +10,8 @@
  * device.
  *
  * Valid as C and as C++. C++ users see the records in their namespaces
- * (median_filter::Parameters, halden::DeviceRecord, halden::Callbacks).
+ * (median_filter::Parameters, thermal_shaper::Parameters, halden::DeviceRecord,
+ * halden::Callbacks).
  */
 #ifndef HALDEN_HALDEN_H
 #define HALDEN_HALDEN_H
@@ -234,6 +235,73 @@ HALDEN_STATIC_ASSERT(offsetof(halden_median_filter_parameters, iterations) == 8,
 HALDEN_API uint32_t MedianFilter(halden_queue* queue, float* grid,
                                  const halden_median_filter_parameters* parameters) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Thermal shaper.                                                            */
+/*
+ * Reshapes a height field by slope- and curvature-driven lowering of cells on
+ * every level of a Laplacian pyramid, coarse to fine, then blends the result
+ * with the input.
+ *
+ * width, height  grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * height_scale   world height of one height unit (> 0). Raises the slopes the
+ *                shaper sees (gradient scale = level width * height_scale /
+ *                extent) and lowers the level count.
+ * extent         world width of the whole grid (> 0). Larger values mean
+ *                gentler slopes, so less material moves.
+ * level_factor   scales the level count (> 0): the pyramid has
+ *                ceil(log2(width * level_factor / height_scale)) levels (at
+ *                least 1), so larger values reach larger features.
+ * strength       blend with the input: 0 returns the input bit for bit, 1 the
+ *                shaped field; values between mix, values past 1 exaggerate.
+ * amount         lowering rate per pass; its sign picks the direction. Zero or
+ *                positive works on the negated field, shaping valleys (their
+ *                floors widen and fill); negative works on ridges and peaks,
+ *                wearing them down. A larger magnitude also weights the finer
+ *                levels more heavily.
+ * reserved       carried, not read
+ *
+ * Defaults worth starting from, for heights in the same unit as one cell:
+ * height_scale 1, extent = width, level_factor 0.125 (the coarsest level is
+ * about 16 cells wide), strength 1, amount -0.5 (ridges) or 0.5 (valleys).
+ */
+typedef struct halden_thermal_shaper_parameters {
+    int32_t width;
+    int32_t height;
+    float height_scale;
+    float extent;
+    float level_factor;
+    float strength;
+    float amount;
+    uint32_t reserved;
+} halden_thermal_shaper_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_thermal_shaper_parameters) == 32, "thermal shaper record is 32 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_shaper_parameters, height_scale) == 8, "height_scale at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_shaper_parameters, extent) == 12, "extent at 12");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_shaper_parameters, level_factor) == 16, "level_factor at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_shaper_parameters, strength) == 20, "strength at 20");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_shaper_parameters, amount) == 24, "amount at 24");
+
+/*
+ * Shapes the width x height row-major grid `heights` in place. `mask`, when
+ * not null, is a grid of the same size whose value scales the lowering per
+ * cell (0 keeps a cell, 1 shapes it fully). Needs about 16 bytes per cell of
+ * device memory (21 with a mask).
+ *
+ * Returns 0 when done; 2 when the device lacks the memory (nothing is run);
+ * 3 when the queue, the heights or the record is null, the record is invalid
+ * (the heights are then left as they were), or a device error was reported.
+ * Errors are described through the error slot of `callbacks` (the
+ * process-wide table when `callbacks` is null); slots 5 and 6 receive the
+ * announced byte count.
+ *
+ *   halden_thermal_shaper_parameters p = {1024, 1024, 1.0f, 1024.0f, 0.125f, 1.0f, -0.5f, 0};
+ *   uint32_t status = ThermalShaper_Process(q, heights, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t ThermalShaper_Process(halden_queue* queue, float* heights, const float* mask,
+                                          const halden_thermal_shaper_parameters* parameters,
+                                          const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -246,6 +314,10 @@ using Queue = ::halden_queue;
 namespace median_filter {
 using Parameters = ::halden_median_filter_parameters;
 }  // namespace median_filter
+
+namespace thermal_shaper {
+using Parameters = ::halden_thermal_shaper_parameters;
+}  // namespace thermal_shaper
 #endif
 
 #endif /* HALDEN_HALDEN_H */
