@@ -71,7 +71,7 @@ void read_values(std::FILE* f, uint64_t count, Grid& grid) {
     }
 }
 
-void read_npy(std::FILE* f, uint64_t file_size, uint32_t size, Grid& grid) {
+void read_npy(std::FILE* f, uint64_t file_size, Grid& grid) {
     unsigned char lead[12];
     read_exactly(f, lead, 1, 10);
     require(lead[6] >= 1 && lead[6] <= 3, "unsupported .npy version " + std::to_string(lead[6]));
@@ -105,34 +105,37 @@ void read_npy(std::FILE* f, uint64_t file_size, uint32_t size, Grid& grid) {
         p = static_cast<size_t>(next - shape_text.data());
     }
     require(shape.size() == 2, "expected a 2-D array, got " + std::to_string(shape.size()) + " dimension(s)");
-    require(shape[0] == shape[1] && shape[0] > 0 && shape[0] <= UINT32_MAX,
-            "expected a square non-empty grid, got shape (" + std::to_string(shape[0]) + ", " +
-                std::to_string(shape[1]) + ")");
-    require(size == 0 || size == shape[0], "--size " + std::to_string(size) + " does not match the .npy shape");
+    require(shape[0] > 0 && shape[1] > 0 && shape[0] <= UINT32_MAX && shape[1] <= UINT32_MAX,
+            "expected a non-empty grid of at most 2^32 - 1 rows and columns, got shape (" +
+                std::to_string(shape[0]) + ", " + std::to_string(shape[1]) + ")");
 
-    const uint64_t item = descr == "<f4" ? 4 : 8, data = file_size - offset, cells = shape[0] * shape[0];
+    const uint64_t item = descr == "<f4" ? 4 : 8, data = file_size - offset, cells = shape[0] * shape[1];
+    require(cells / shape[1] == shape[0], "the shape (" + std::to_string(shape[0]) + ", " +
+                                              std::to_string(shape[1]) + ") is too large");
     require(data % item == 0 && data / item == cells, "the data holds " + std::to_string(data) +
                                                           " bytes, the shape needs " + std::to_string(cells) +
                                                           " values of " + std::to_string(item) + " bytes");
-    grid.size = static_cast<uint32_t>(shape[0]);
+    grid.height = static_cast<uint32_t>(shape[0]);
+    grid.width = static_cast<uint32_t>(shape[1]);
     item == 4 ? read_values<float>(f, cells, grid) : read_values<double>(f, cells, grid);
 }
 
-void read_raw(std::FILE* f, uint64_t file_size, uint32_t size, Grid& grid) {
+void read_raw(std::FILE* f, uint64_t file_size, uint32_t width, Grid& grid) {
     require(file_size > 0 && file_size % 4 == 0,
             "a raw float32 file must hold a positive multiple of 4 bytes, this one holds " + std::to_string(file_size));
     const uint64_t cells = file_size / 4;
-    if (size == 0) {
+    if (width == 0) {
         // Infer the side; the square test catches any rounding of sqrt.
         const auto side = static_cast<uint64_t>(std::llround(std::sqrt(static_cast<double>(cells))));
         require(side * side == cells && side <= UINT32_MAX,
-                std::to_string(cells) + " floats are not a square grid; give its side with --size");
-        size = static_cast<uint32_t>(side);
+                std::to_string(cells) + " floats are not a square grid; give its width with --size");
+        width = static_cast<uint32_t>(side);
     }
-    require(uint64_t{size} * size == cells, "a raw grid of side " + std::to_string(size) + " needs " +
-                                                std::to_string(uint64_t{size} * size * 4) + " bytes, the file holds " +
-                                                std::to_string(file_size));
-    grid.size = size;
+    require(cells % width == 0, std::to_string(cells) + " floats do not make whole rows of " + std::to_string(width));
+    require(cells / width <= UINT32_MAX, "a raw grid of width " + std::to_string(width) + " would have " +
+                                             std::to_string(cells / width) + " rows, more than 2^32 - 1");
+    grid.width = width;
+    grid.height = static_cast<uint32_t>(cells / width);
     read_values<float>(f, cells, grid);
 }
 
@@ -145,7 +148,7 @@ bool has_npy_extension(const std::string& path) {
     return tail == ".npy";
 }
 
-bool read_grid(const std::string& path, uint32_t size, Grid& grid, std::string& error) {
+bool read_grid(const std::string& path, uint32_t width, Grid& grid, std::string& error) {
     try {
         std::error_code ec;
         require(!std::filesystem::is_directory(path, ec), "is a directory");
@@ -157,7 +160,7 @@ bool read_grid(const std::string& path, uint32_t size, Grid& grid, std::string& 
         const bool is_npy = std::fread(magic, 1, 6, f.get()) == 6 && std::memcmp(magic, "\x93NUMPY", 6) == 0;
         std::rewind(f.get());
         require(is_npy || !has_npy_extension(path), "not a .npy file (bad magic bytes)");
-        is_npy ? read_npy(f.get(), file_size, size, grid) : read_raw(f.get(), file_size, size, grid);
+        is_npy ? read_npy(f.get(), file_size, grid) : read_raw(f.get(), file_size, width, grid);
         return true;
     } catch (const std::exception& e) {  // also an allocation too large for this machine
         error = path + ": " + e.what();
@@ -175,8 +178,8 @@ bool write_grid(const std::string& path, const Grid& grid, std::string& error) {
     }
     bool ok = true;
     if (has_npy_extension(path)) {
-        std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(grid.size) + ", " +
-                             std::to_string(grid.size) + "), }";
+        std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(grid.height) + ", " +
+                             std::to_string(grid.width) + "), }";
         // Pad with spaces and a newline so the data starts on a 64-byte boundary.
         const size_t total = (10 + header.size() + 1 + 63) / 64 * 64;
         header.append(total - 10 - header.size() - 1, ' ');

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Square float32 grids in .npy or raw form.
+// Row-major float32 grids in .npy or raw form.
 #pragma once
 
 #include <cstdint>
@@ -7,17 +7,22 @@
 #include <vector>
 
 struct Grid {
-    uint32_t size = 0;         // side in cells
-    std::vector<float> cells;  // size * size values, row-major
+    uint32_t width = 0;        // cells per row (a .npy file's columns)
+    uint32_t height = 0;       // rows
+    std::vector<float> cells;  // width * height values, row-major
+
+    bool square() const { return width == height; }
 };
 
 // True when the name ends in ".npy" (any case).
 bool has_npy_extension(const std::string& path);
 
-// Reads IN: a .npy file (recognised by its magic bytes) or raw float32 whose
-// side is `size`, or inferred from the file size when `size` is 0. A nonzero
-// `size` must also match a .npy shape. On failure sets `error`.
-bool read_grid(const std::string& path, uint32_t size, Grid& grid, std::string& error);
+// Reads IN: a .npy file (recognised by its magic bytes), whose shape (rows,
+// cols) gives height and width, or raw float32 rows of `width` values; a raw
+// file read with `width` 0 must hold a square number of values. `width` is
+// not checked against a .npy shape: the caller knows what it asked for. On
+// failure sets `error`.
+bool read_grid(const std::string& path, uint32_t width, Grid& grid, std::string& error);
 
 // Writes .npy (v1.0, '<f4') when the name ends in .npy, raw float32 otherwise.
 // Goes through a temporary file in the same directory that is renamed over

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// halden: lists devices, median-filters grid files and runs a cross-device
-// demo, all through the public C interface.
+// halden: lists devices, median-filters and thermally shapes grid files and
+// runs a cross-device demo, all through the public C interface.
 //
 // Messages go through C stdio only: creating a queue points std::cerr at the
 // null device.
@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <charconv>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -31,9 +32,10 @@ const char kUsageText[] =
     "usage: halden <command> [options]\n"
     "\n"
     "commands:\n"
-    "  devices   list the devices and their keys\n"
-    "  median    median-filter a square float32 grid (.npy or raw)\n"
-    "  demo      filter a generated terrain on every device and compare the results\n"
+    "  devices        list the devices and their keys\n"
+    "  median         median-filter a square float32 grid (.npy or raw)\n"
+    "  thermal-shape  wear down the ridges (or fill the valleys) of a float32 height grid\n"
+    "  demo           process a generated terrain on every device and compare the results\n"
     "\n"
     "options of every command:\n"
     "  --verbose   also show the library's information messages\n"
@@ -42,7 +44,8 @@ const char kUsageText[] =
     "exit codes:\n"
     "  0  success\n"
     "  1  usage error (unknown command or option, bad option value)\n"
-    "  2  input/output error (unreadable or unwritable file, bad size, unknown format)\n"
+    "  2  input/output error (unreadable or unwritable file, bad size, unknown format,\n"
+    "     a grid of the wrong shape for the command)\n"
     "  3  device or operation error (no matching device, an error reported by the library)\n"
     "  4  demo: the devices' results differ\n";
 
@@ -50,7 +53,7 @@ const char kDevicesUsage[] =
     "usage: halden devices [--json]\n"
     "\n"
     "Lists the usable devices: index, name and key. A key selects its device in\n"
-    "'halden median --device KEY'; the key \"cpu\" always selects the host device.\n"
+    "'halden median --device KEY' and 'halden thermal-shape --device KEY'; the key \"cpu\" always selects the host device.\n"
     "\n"
     "  --json  print a JSON array of {\"name\", \"key\", \"backend\", \"type\"}\n";
 
@@ -67,21 +70,65 @@ const char kMedianUsage[] =
     "  --iterations N  number of passes (default 1)\n"
     "  --device KEY    cpu (the host device, default), gpu (the first CUDA device)\n"
     "                  or a key listed by 'halden devices'\n"
-    "  --size W        side of a raw IN; inferred when it holds a square number of floats\n"
+    "  --size W        width of a raw IN, whose height is then its value count / W;\n"
+    "                  without it IN must hold a square number of floats. A .npy IN\n"
+    "                  brings its own shape, which W must then match\n"
     "  --quiet         print nothing on success\n"
     "  --json          print {\"operation\", \"device\", \"size\", \"milliseconds\"} instead\n"
     "\n"
-    "Throughput counts cells times iterations. Exit codes: see 'halden --help'.\n";
+    "A grid that is not square exits 2. Throughput counts cells times iterations.\n"
+    "Exit codes: see 'halden --help'.\n";
+
+const char kThermalUsage[] =
+    "usage: halden thermal-shape IN OUT [--mask M] [--amount A] [--strength T]\n"
+    "                                   [--height-scale S] [--extent E] [--level-factor F]\n"
+    "                                   [--device KEY] [--size W] [--quiet] [--json]\n"
+    "\n"
+    "Reshapes the float32 height grid in IN on one device and writes it to OUT: cells\n"
+    "are lowered by slope and curvature on every level of a pyramid, coarse to fine,\n"
+    "and the result is blended with the input. IN is a .npy file ('<f4' or '<f8', 2-D\n"
+    "of shape (height, width), C order) or raw little-endian float32 rows. OUT is\n"
+    "written as .npy ('<f4') when its name ends in .npy, as raw float32 otherwise; an\n"
+    "existing OUT is replaced only on success.\n"
+    "\n"
+    "  --mask M          a grid of IN's width and height (.npy, or raw in rows of IN's\n"
+    "                    width) that scales the lowering per cell: 0 keeps a cell,\n"
+    "                    1 shapes it fully; a mask of another shape exits 2\n"
+    "  --amount A        lowering rate per pass (default -0.5): negative wears down\n"
+    "                    ridges and peaks, zero or positive widens and fills valleys\n"
+    "  --strength T      blend with the input: 0 returns IN, 1 the shaped field,\n"
+    "                    past 1 exaggerates (default 1)\n"
+    "  --height-scale S  world height of one height unit, > 0 (default 1); also\n"
+    "                    lowers the pyramid depth\n"
+    "  --extent E        world width of the whole grid, > 0 (default: the width in\n"
+    "                    cells, so one cell is one height unit wide); larger values\n"
+    "                    mean gentler slopes, so less is worn away\n"
+    "  --level-factor F  scales the pyramid depth, > 0 (default 0.125: the coarsest\n"
+    "                    level is about 16 cells wide)\n"
+    "  --device KEY      cpu (the host device, default), gpu (the first CUDA device)\n"
+    "                    or a key listed by 'halden devices'\n"
+    "  --size W          width of a raw IN, whose height is then its value count / W;\n"
+    "                    without it IN must hold a square number of floats. A .npy IN\n"
+    "                    brings its own shape, which W must then match\n"
+    "  --quiet           print nothing on success\n"
+    "  --json            print {\"operation\", \"device\", \"width\", \"height\",\n"
+    "                    \"milliseconds\"} instead\n"
+    "\n"
+    "Numbers must be finite and in plain decimal or exponent form. Exit codes: see\n"
+    "'halden --help'; not enough device memory exits 3.\n";
 
 const char kDemoUsage[] =
     "usage: halden demo [--size N] [--out DIR]\n"
     "\n"
-    "Generates a fractal terrain of N x N cells with spikes and pits, median-filters\n"
-    "it (radius 3, 2 iterations) on every listed device, prints the times and checks\n"
-    "that all results agree bit for bit with the first device's.\n"
+    "Generates a fractal terrain of N x N cells with spikes and pits, heights 0 to\n"
+    "1000 m, and on every listed device median-filters it (radius 3, 2 iterations)\n"
+    "and, separately, shapes it with the thermal shaper (amount -0.5, strength 1,\n"
+    "read as a map 10 km wide). Prints the times and checks for each operation that\n"
+    "all results agree bit for bit with the first device's.\n"
     "\n"
     "  --size N   side of the terrain (default 1024)\n"
-    "  --out DIR  write DIR/terrain.npy and DIR/median.npy (the first device's result)\n"
+    "  --out DIR  write DIR/terrain.npy, DIR/median.npy and DIR/thermal.npy (the\n"
+    "             results of the first device that succeeded)\n"
     "\n"
     "Exits 0, 3 when a device failed, or else 4 when the results differ.\n";
 
@@ -195,23 +242,146 @@ struct DeviceList {
     DeviceList& operator=(const DeviceList&) = delete;
 };
 
+// Reads option `name` as a finite float into `out` when given; with
+// `positive` it must also be above zero. The whole text must be the number,
+// so a typo is a usage error rather than a silently different value.
+bool float_option(const Args& args, const char* name, bool positive, float& out) {
+    const auto it = args.values.find(name);
+    if (it == args.values.end()) return true;
+    const std::string& text = it->second;
+    float value = 0.0f;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value) ||
+        (positive && !(value > 0.0f))) {
+        fail(kUsage, "%s expects a %s number, got '%s'", name, positive ? "positive finite" : "finite", text.c_str());
+        return false;
+    }
+    out = value;
+    return true;
+}
+
 struct Timing {
     double milliseconds;
     double mcells_per_second;
 };
 
+Timing timing_between(std::chrono::steady_clock::time_point start, std::chrono::steady_clock::time_point stop,
+                      double work) {
+    Timing timing{};
+    timing.milliseconds = std::chrono::duration<double, std::milli>(stop - start).count();
+    timing.mcells_per_second = timing.milliseconds > 0.0 ? work / (timing.milliseconds * 1e3) : 0.0;
+    return timing;
+}
+
+// Reads IN. A raw file always comes out `width` wide, so a width that
+// differs can only be a .npy file's own shape.
+int read_input(const std::string& path, uint32_t width, Grid& grid) {
+    std::string error;
+    if (!read_grid(path, width, grid, error)) return fail(kIo, "%s", error.c_str());
+    if (width != 0 && grid.width != width)
+        return fail(kIo, "%s: --size %u does not match the .npy shape (%u, %u)", path.c_str(), width, grid.height,
+                    grid.width);
+    return kOk;
+}
+
+// Opens a queue on `device` ("cpu", "gpu" or a key) and sets `key` to the key
+// of the device it resolved to. Returns kOk, or kDevice after a message.
+int open_queue(const std::string& device, halden_queue*& queue, std::string& key) {
+    key = device;
+    if (device == "gpu") {
+        const DeviceList list;
+        key.clear();
+        for (uint32_t i = 0; i < list.count && key.empty(); ++i)
+            if (text_of(list.records[i].backend) == "CUDA") key = device_key(list.records[i]);
+        if (key.empty()) return fail(kDevice, "no CUDA device listed (see 'halden devices')");
+    }
+    queue = CreateSyclQueue(key.c_str(), &kCallbacks);
+    if (!queue) return fail(kDevice, "no device matches '%s' (see 'halden devices')", key.c_str());
+    if (halden_device_record* info = GetDeviceInfo(queue)) {  // names the device "cpu" or "gpu" resolved to
+        key = device_key(*info);
+        FreeDeviceInfo(info);
+    }
+    return kOk;
+}
+
 // Runs the filter in place and times the call alone; false when the library
 // reported an error.
 bool run_median(halden_queue* queue, Grid& grid, uint32_t radius, uint32_t iterations, Timing& timing) {
-    const halden_median_filter_parameters parameters = {grid.size, radius, iterations, 0};
+    const halden_median_filter_parameters parameters = {grid.width, radius, iterations, 0};
     g_error = false;
     const auto start = std::chrono::steady_clock::now();
     MedianFilter(queue, grid.cells.data(), &parameters);
     const auto stop = std::chrono::steady_clock::now();
-    timing.milliseconds = std::chrono::duration<double, std::milli>(stop - start).count();
-    const double work = static_cast<double>(grid.cells.size()) * iterations;
-    timing.mcells_per_second = timing.milliseconds > 0.0 ? work / (timing.milliseconds * 1e3) : 0.0;
+    timing = timing_between(start, stop, static_cast<double>(grid.cells.size()) * iterations);
     return !g_error;
+}
+
+// The thermal shaper takes int32 sides and at most 2^31 - 1 cells.
+bool thermal_size_ok(const Grid& grid) {
+    return grid.width <= INT32_MAX && grid.height <= INT32_MAX && grid.cells.size() <= size_t{INT32_MAX};
+}
+
+// Shapes the grid in place (`mask` may be null) and times the call alone.
+// Returns the export's status, or the device-error status when it said 0 but
+// the error slot fired.
+uint32_t run_thermal(halden_queue* queue, Grid& grid, const float* mask, halden_thermal_shaper_parameters parameters,
+                     Timing& timing) {
+    parameters.width = static_cast<int32_t>(grid.width);
+    parameters.height = static_cast<int32_t>(grid.height);
+    g_error = false;
+    const auto start = std::chrono::steady_clock::now();
+    uint32_t status = ThermalShaper_Process(queue, grid.cells.data(), mask, &parameters, &kCallbacks);
+    const auto stop = std::chrono::steady_clock::now();
+    timing = timing_between(start, stop, static_cast<double>(grid.cells.size()));
+    if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
+    return status;
+}
+
+// One operation run on a copy of the same grid on every listed device.
+struct Sweep {
+    std::vector<Grid> results;  // one per device that succeeded, in list order
+    bool failed = false;        // some device failed
+    bool agree = true;          // the results are identical bit for bit
+};
+
+// `operation(queue, grid, timing)` shapes `grid` in place and returns an
+// export status. Prints a line per device, then the comparison.
+template <class Operation>
+Sweep sweep_devices(const DeviceList& list, const Grid& input, Operation operation) {
+    Sweep sweep;
+    for (uint32_t i = 0; i < list.count; ++i) {
+        const std::string key = device_key(list.records[i]);
+        std::printf("  [%u] %s (%s): ", i, text_of(list.records[i].name).c_str(), key.c_str());
+        std::fflush(stdout);  // so the library's error lines follow the device they concern
+        halden_queue* queue = CreateSyclQueue(key.c_str(), &kCallbacks);
+        Grid grid = input;
+        Timing timing{};
+        uint32_t status = queue ? operation(queue, grid, timing) : HALDEN_STATUS_DEVICE_ERROR;
+        DestroySyclQueue(queue);
+        if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+        if (status == HALDEN_STATUS_OK) {
+            std::printf("%.3f ms, %.1f Mcells/s\n", timing.milliseconds, timing.mcells_per_second);
+            sweep.results.push_back(std::move(grid));
+        } else {
+            std::printf("failed%s\n", !queue                                   ? " (no queue)"
+                                      : status == HALDEN_STATUS_OUT_OF_MEMORY ? " (not enough device memory)"
+                                                                              : "");
+            sweep.failed = true;
+        }
+    }
+
+    if (list.count == 1) {
+        std::printf("only one device listed: nothing to compare\n");
+    } else if (sweep.results.size() < 2) {
+        std::printf("fewer than two devices succeeded: nothing to compare\n");
+    } else {
+        const std::vector<Grid>& r = sweep.results;
+        for (size_t i = 1; i < r.size(); ++i)
+            sweep.agree = sweep.agree &&
+                          std::memcmp(r[i].cells.data(), r[0].cells.data(), r[0].cells.size() * sizeof(float)) == 0;
+        std::printf("devices agree bit for bit: %s (%zu devices)\n", sweep.agree ? "yes" : "NO", r.size());
+    }
+    return sweep;
 }
 
 // --- Commands ---------------------------------------------------------------------
@@ -260,37 +430,97 @@ int cmd_median(int argc, char** argv) {
     const std::string& out = args.positional[1];
 
     Grid grid;
-    std::string error;
-    if (!read_grid(in, size, grid, error)) return fail(kIo, "%s", error.c_str());
+    if (const int code = read_input(in, size, grid); code != kOk) return code;
+    // The filter's record has a single side.
+    if (!grid.square())
+        return fail(kIo, "%s: the median filter needs a square grid, this one is %ux%u", in.c_str(), grid.width,
+                    grid.height);
 
-    std::string key = device;
-    if (device == "gpu") {
-        const DeviceList list;
-        key.clear();
-        for (uint32_t i = 0; i < list.count && key.empty(); ++i)
-            if (text_of(list.records[i].backend) == "CUDA") key = device_key(list.records[i]);
-        if (key.empty()) return fail(kDevice, "no CUDA device listed (see 'halden devices')");
-    }
-    halden_queue* queue = CreateSyclQueue(key.c_str(), &kCallbacks);
-    if (!queue) return fail(kDevice, "no device matches '%s' (see 'halden devices')", key.c_str());
-    if (halden_device_record* info = GetDeviceInfo(queue)) {  // names the device "cpu" or "gpu" resolved to
-        key = device_key(*info);
-        FreeDeviceInfo(info);
-    }
+    halden_queue* queue = nullptr;
+    std::string key;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
     Timing timing{};
     bool ok = run_median(queue, grid, radius, iterations, timing);
     DestroySyclQueue(queue);
     ok = ok && !g_error;  // waiting for the queue may report late failures too
     if (!ok) return fail(kDevice, "the median filter failed on %s; %s not written", key.c_str(), out.c_str());
+    std::string error;
     if (!write_grid(out, grid, error)) return fail(kIo, "%s", error.c_str());
 
     if (args.switches.count("--quiet")) return kOk;
     if (args.switches.count("--json")) {
         std::printf("{\"operation\": \"median\", \"device\": %s, \"size\": %u, \"milliseconds\": %.3f}\n",
-                    json_string(key).c_str(), grid.size, timing.milliseconds);
+                    json_string(key).c_str(), grid.width, timing.milliseconds);
     } else {
-        std::printf("median %ux%u, radius %u, %u iteration(s) on %s: %.3f ms, %.1f Mcells/s\n", grid.size, grid.size,
-                    radius, iterations, key.c_str(), timing.milliseconds, timing.mcells_per_second);
+        std::printf("median %ux%u, radius %u, %u iteration(s) on %s: %.3f ms, %.1f Mcells/s\n", grid.width,
+                    grid.height, radius, iterations, key.c_str(), timing.milliseconds, timing.mcells_per_second);
+    }
+    return kOk;
+}
+
+int cmd_thermal(int argc, char** argv) {
+    Args args;
+    if (parse_args(argc, argv,
+                   {"--mask", "--amount", "--strength", "--height-scale", "--extent", "--level-factor", "--device",
+                    "--size"},
+                   {"--quiet", "--json"}, args) != kOk)
+        return kUsage;
+    if (args.positional.size() != 2)
+        return fail(kUsage, "thermal-shape needs IN and OUT (see halden thermal-shape --help)");
+    uint32_t size = 0;
+    float amount = -0.5f, strength = 1.0f, height_scale = 1.0f, extent = 0.0f, level_factor = 0.125f;
+    if (!number_option(args, "--size", 1, UINT32_MAX, size) || !float_option(args, "--amount", false, amount) ||
+        !float_option(args, "--strength", false, strength) ||
+        !float_option(args, "--height-scale", true, height_scale) || !float_option(args, "--extent", true, extent) ||
+        !float_option(args, "--level-factor", true, level_factor))
+        return kUsage;
+    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
+    if (device.empty()) return fail(kUsage, "--device needs a value");
+    const auto mask_path = args.values.count("--mask") ? args.values.at("--mask") : std::string();
+    if (args.values.count("--mask") && mask_path.empty()) return fail(kUsage, "--mask needs a value");
+    const std::string& in = args.positional[0];
+    const std::string& out = args.positional[1];
+
+    Grid grid;
+    if (const int code = read_input(in, size, grid); code != kOk) return code;
+    if (!thermal_size_ok(grid))
+        return fail(kIo, "%s: the thermal shaper takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(),
+                    grid.width, grid.height);
+    Grid mask;
+    if (!mask_path.empty()) {
+        // A raw mask comes in rows of IN's width; a .npy one brings its own shape.
+        std::string error;
+        if (!read_grid(mask_path, grid.width, mask, error)) return fail(kIo, "%s", error.c_str());
+        if (mask.width != grid.width || mask.height != grid.height)
+            return fail(kIo, "%s: the mask is %ux%u, but %s is %ux%u", mask_path.c_str(), mask.width, mask.height,
+                        in.c_str(), grid.width, grid.height);
+    }
+    if (!args.values.count("--extent")) extent = static_cast<float>(grid.width);
+
+    halden_queue* queue = nullptr;
+    std::string key;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
+    const halden_thermal_shaper_parameters parameters = {0, 0, height_scale, extent, level_factor, strength, amount, 0};
+    Timing timing{};
+    uint32_t status = run_thermal(queue, grid, mask.cells.empty() ? nullptr : mask.cells.data(), parameters, timing);
+    DestroySyclQueue(queue);
+    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
+        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(),
+                    grid.width, grid.height, out.c_str());
+    if (status != HALDEN_STATUS_OK)
+        return fail(kDevice, "the thermal shaper failed on %s; %s not written", key.c_str(), out.c_str());
+    std::string error;
+    if (!write_grid(out, grid, error)) return fail(kIo, "%s", error.c_str());
+
+    if (args.switches.count("--quiet")) return kOk;
+    if (args.switches.count("--json")) {
+        std::printf("{\"operation\": \"thermal-shape\", \"device\": %s, \"width\": %u, \"height\": %u, "
+                    "\"milliseconds\": %.3f}\n",
+                    json_string(key).c_str(), grid.width, grid.height, timing.milliseconds);
+    } else {
+        std::printf("thermal-shape %ux%u, amount %g, strength %g on %s: %.3f ms, %.1f Mcells/s\n", grid.width,
+                    grid.height, amount, strength, key.c_str(), timing.milliseconds, timing.mcells_per_second);
     }
     return kOk;
 }
@@ -303,6 +533,15 @@ int cmd_demo(int argc, char** argv) {
     if (!number_option(args, "--size", 1, 32768, size)) return kUsage;
     const std::string dir = args.values.count("--out") ? args.values.at("--out") : std::string();
     constexpr uint32_t kRadius = 3, kIterations = 2;
+    // The terrain's relief is 0 to 1000 m at any N while its features scale
+    // with the grid, so the shaper reads it as a map of fixed width: heights in
+    // metres (height scale 1) over 10 km, which gives steep-hill slopes at every
+    // N. The peaks then lose about a quarter of their height and the mean
+    // drops by some 90 m: visible, yet the landscape keeps its shape. The
+    // header's default, one metre per cell, would turn the same relief into
+    // cliffs and level most of it.
+    constexpr float kExtentMetres = 10000.0f;
+    const halden_thermal_shaper_parameters thermal = {0, 0, 1.0f, kExtentMetres, 0.125f, 1.0f, -0.5f, 0};
 
     const Grid terrain = make_terrain(size);
     std::string error;
@@ -316,43 +555,30 @@ int cmd_demo(int argc, char** argv) {
     const DeviceList list;
     if (list.count == 0) return fail(kDevice, "no devices listed");
     std::printf("terrain %ux%u, median filter radius %u, %u iterations\n", size, size, kRadius, kIterations);
-    std::vector<Grid> results;  // one per device that succeeded, in list order
-    bool failed = false;
-    for (uint32_t i = 0; i < list.count; ++i) {
-        const std::string key = device_key(list.records[i]);
-        std::printf("  [%u] %s (%s): ", i, text_of(list.records[i].name).c_str(), key.c_str());
-        std::fflush(stdout);  // so the library's error lines follow the device they concern
-        halden_queue* queue = CreateSyclQueue(key.c_str(), &kCallbacks);
-        Grid grid = terrain;
-        Timing timing{};
-        bool ok = queue && run_median(queue, grid, kRadius, kIterations, timing);
-        DestroySyclQueue(queue);
-        ok = ok && !g_error;
-        if (ok) {
-            std::printf("%.3f ms, %.1f Mcells/s\n", timing.milliseconds, timing.mcells_per_second);
-            results.push_back(std::move(grid));
-        } else {
-            std::printf("failed%s\n", queue ? "" : " (no queue)");
-            failed = true;
-        }
-    }
+    const Sweep median = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
+        return run_median(queue, grid, kRadius, kIterations, timing) ? HALDEN_STATUS_OK : HALDEN_STATUS_DEVICE_ERROR;
+    });
+    std::printf("thermal shaper, amount %g, strength %g, %g m wide (cells of %g m, heights in m)\n", thermal.amount,
+                thermal.strength, thermal.extent, thermal.extent / static_cast<float>(size));
+    const Sweep shaped = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
+        return run_thermal(queue, grid, nullptr, thermal, timing);
+    });
 
-    bool agree = true;
-    if (list.count == 1) {
-        std::printf("only one device listed: nothing to compare\n");
-    } else if (results.size() < 2) {
-        std::printf("fewer than two devices succeeded: nothing to compare\n");
-    } else {
-        for (size_t i = 1; i < results.size(); ++i)
-            agree = agree && std::memcmp(results[i].cells.data(), results[0].cells.data(),
-                                         results[0].cells.size() * sizeof(float)) == 0;
-        std::printf("devices agree bit for bit: %s (%zu devices)\n", agree ? "yes" : "NO", results.size());
+    if (!dir.empty()) {
+        const std::pair<const char*, const Sweep*> outputs[] = {{"median.npy", &median}, {"thermal.npy", &shaped}};
+        std::vector<std::string> names = {dir + "/terrain.npy"};
+        for (const auto& [name, sweep] : outputs) {
+            if (sweep->results.empty()) continue;  // the first successful device's result
+            names.push_back(dir + "/" + name);
+            if (!write_grid(names.back(), sweep->results[0], error)) return fail(kIo, "%s", error.c_str());
+        }
+        std::printf("wrote");
+        for (size_t i = 0; i < names.size(); ++i)
+            std::printf("%s %s", i == 0 ? "" : i + 1 < names.size() ? "," : " and", names[i].c_str());
+        std::printf("\n");
     }
-    if (!dir.empty() && !results.empty()) {
-        if (!write_grid(dir + "/median.npy", results[0], error)) return fail(kIo, "%s", error.c_str());
-        std::printf("wrote %s/terrain.npy and %s/median.npy\n", dir.c_str(), dir.c_str());
-    }
-    return failed ? kDevice : agree ? kOk : kDisagree;
+    if (median.failed || shaped.failed) return kDevice;
+    return median.agree && shaped.agree ? kOk : kDisagree;
 }
 
 }  // namespace
@@ -364,7 +590,10 @@ int main(int argc, char** argv) {
         const char* usage;
     };
     static const Command kCommands[] = {
-        {"devices", cmd_devices, kDevicesUsage}, {"median", cmd_median, kMedianUsage}, {"demo", cmd_demo, kDemoUsage}};
+        {"devices", cmd_devices, kDevicesUsage},
+        {"median", cmd_median, kMedianUsage},
+        {"thermal-shape", cmd_thermal, kThermalUsage},
+        {"demo", cmd_demo, kDemoUsage}};
 
     if (argc < 2) {
         std::fputs(kUsageText, stderr);

@@ -62,7 +62,7 @@ Grid make_terrain(uint32_t size) {
     const auto [low, high] = std::minmax_element(heights.begin(), heights.end());
     const double scale = *high > *low ? 1000.0 / (*high - *low) : 0.0;
     Grid grid;
-    grid.size = size;
+    grid.width = grid.height = size;
     grid.cells.resize(heights.size());
     for (size_t i = 0; i < heights.size(); ++i) grid.cells[i] = static_cast<float>((heights[i] - *low) * scale);
 

@@ -1,0 +1,194 @@
+#!/usr/bin/env bash
+# Runs the halden tool's commands on small grids and checks their results and
+# exit codes. Needs bash and coreutils; python3, when present, adds a check of
+# the masked output's values.
+#
+# usage: cli_test.sh HALDEN WORKDIR   (WORKDIR is emptied first)
+#
+# Exit codes checked: 1 for usage errors, 2 for unreadable files and grids of
+# the wrong shape (a mask whose size differs from IN's included, as it is a
+# bad size like any other), 3 for device and library failures.
+set -u
+# Absolute, as the checks run inside WORKDIR.
+halden=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+work=$2
+rm -rf "$work"
+mkdir -p "$work"
+cd "$work" || exit 1
+# The runs are tiny and ctest may run other tests beside this one: spinning
+# OpenMP threads on busy cores would make each call many times slower.
+export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
+
+failures=0
+pass() { echo "ok:   $1"; }
+flunk() {
+    echo "FAIL: $1"
+    failures=$((failures + 1))
+}
+
+# expect STATUS WHAT COMMAND...: runs COMMAND (stdout to out.txt, stderr to
+# err.txt) and checks its exit status.
+expect() {
+    local want=$1 what=$2
+    shift 2
+    "$@" >out.txt 2>err.txt
+    local got=$?
+    if [ "$got" = "$want" ]; then
+        pass "$what"
+    else
+        flunk "$what: exit $got, expected $want"
+        sed 's/^/      /' out.txt err.txt
+    fi
+}
+
+# check WHAT COMMAND...: passes when COMMAND succeeds.
+check() {
+    local what=$1
+    shift
+    if "$@" >/dev/null 2>&1; then pass "$what"; else flunk "$what"; fi
+}
+
+bytes() { wc -c <"$1" | tr -d ' '; }
+
+# floats HEX_LE COUNT FILE: COUNT copies of one float32 given as escaped bytes.
+floats() { printf "$1%.0s" $(seq "$2") >"$3"; }
+
+# --- devices ------------------------------------------------------------------
+expect 0 "devices" "$halden" devices
+check "devices names the cpu key" grep -q '"cpu"' out.txt
+expect 0 "devices --json" "$halden" devices --json
+check "devices --json prints an array" grep -q '^\[{"name": ' out.txt
+expect 1 "devices rejects arguments" "$halden" devices extra
+
+# --- demo, which also makes the inputs below ---------------------------------------
+expect 0 "demo --size 64 --out demo" "$halden" demo --size 64 --out demo
+check "demo wrote terrain.npy" test -s demo/terrain.npy
+check "demo wrote median.npy" test -s demo/median.npy
+check "demo wrote thermal.npy" test -s demo/thermal.npy
+check "demo reports the thermal shaper" grep -q '^thermal shaper' out.txt
+cells=$((64 * 64))
+# The demo's .npy header is padded to a multiple of 64 bytes; the data follows.
+tail -c $((cells * 4)) demo/terrain.npy >terrain.raw
+
+# --- median --------------------------------------------------------------------
+expect 0 "median on .npy" "$halden" median demo/terrain.npy median.npy --radius 3 --iterations 2
+check "median matches the demo's result" cmp median.npy demo/median.npy
+check "median prints its size" grep -q '^median 64x64, radius 3, 2 iteration(s) on ' out.txt
+expect 0 "median on raw, side inferred" "$halden" median terrain.raw median.raw --radius 3 --iterations 2 --quiet
+check "median --quiet prints nothing" test ! -s out.txt
+check "raw median output is the .npy one's data" cmp median.raw <(tail -c $((cells * 4)) median.npy)
+expect 0 "median --json" "$halden" median demo/terrain.npy median.npy --json
+check "median --json fields" grep -q '^{"operation": "median", "device": ".*", "size": 64, "milliseconds": ' out.txt
+expect 2 "median of a non-square raw grid" "$halden" median terrain.raw out.raw --size 128
+check "median names the shape" grep -q 'square grid, this one is 128x32' err.txt
+check "median wrote nothing on failure" test ! -e out.raw
+expect 1 "median --radius 9" "$halden" median demo/terrain.npy out.npy --radius 9
+
+# --- thermal-shape ---------------------------------------------------------------
+expect 0 "thermal-shape, defaults" "$halden" thermal-shape demo/terrain.npy shaped.npy
+check "thermal-shape prints size and parameters" \
+    grep -q '^thermal-shape 64x64, amount -0.5, strength 1 on .*: .* ms, .* Mcells/s$' out.txt
+check "thermal-shape changed the heights" eval '! cmp -s shaped.npy demo/terrain.npy'
+check "thermal-shape kept the .npy size" test "$(bytes shaped.npy)" = "$(bytes demo/terrain.npy)"
+expect 0 "thermal-shape with the demo's extent" "$halden" thermal-shape demo/terrain.npy demo-like.npy --extent 10000
+check "thermal-shape matches the demo's result" cmp demo-like.npy demo/thermal.npy
+expect 0 "thermal-shape --strength 0" "$halden" thermal-shape demo/terrain.npy same.npy --strength 0 --amount 0.5
+check "strength 0 returns the input bit for bit" cmp same.npy demo/terrain.npy
+expect 0 "thermal-shape, every option" "$halden" thermal-shape demo/terrain.npy all.npy --amount=0.25 \
+    --strength 1.5 --height-scale 2 --extent 1e3 --level-factor 0.25 --device cpu --size 64 --quiet
+check "thermal-shape --quiet prints nothing" test ! -s out.txt
+expect 0 "thermal-shape --json" "$halden" thermal-shape demo/terrain.npy shaped.npy --json
+check "thermal-shape --json fields" \
+    grep -q '^{"operation": "thermal-shape", "device": ".*", "width": 64, "height": 64, "milliseconds": ' out.txt
+
+# Masks: raw float32 in rows of IN's width, or .npy.
+floats '\x00\x00\x80\x3f' "$cells" ones.raw  # 1.0f
+head -c $((cells * 4)) /dev/zero >zeros.raw
+expect 0 "thermal-shape --mask (raw, all 1)" "$halden" thermal-shape demo/terrain.npy masked1.npy --mask ones.raw
+expect 0 "thermal-shape --mask (raw, all 0)" "$halden" thermal-shape demo/terrain.npy masked0.npy --mask zeros.raw
+check "a zero mask changes the result" eval '! cmp -s masked0.npy shaped.npy'
+if command -v python3 >/dev/null; then
+    # A zero mask stops all lowering; only pits may still rise. The margin
+    # allows for rounding in the pyramid's round trip.
+    check "a zero mask lowers no cell" python3 - demo/terrain.npy masked0.npy <<'EOF'
+import array, sys
+def load(path):
+    data = open(path, "rb").read()
+    values = array.array("f")
+    values.frombytes(data[10 + (data[8] | data[9] << 8):])
+    return values
+before, after = load(sys.argv[1]), load(sys.argv[2])
+sys.exit(0 if len(before) == len(after) and all(a >= b - 1e-3 for b, a in zip(before, after)) else 1)
+EOF
+else
+    echo "skip: a zero mask lowers no cell (no python3)"
+fi
+# Strength 0 copies its input, so it turns the raw mask into a .npy one.
+expect 0 "thermal-shape makes a .npy mask" "$halden" thermal-shape ones.raw ones.npy --strength 0
+expect 0 "thermal-shape --mask (.npy, all 1)" "$halden" thermal-shape demo/terrain.npy masked.npy --mask ones.npy
+check "a .npy mask acts as the raw one" cmp masked.npy masked1.npy
+
+# Non-square raw input: 4096 floats as 32 rows of 128.
+expect 0 "thermal-shape of a 128x32 raw grid" "$halden" thermal-shape terrain.raw wide.raw --size 128
+check "thermal-shape reports 128x32" grep -q '^thermal-shape 128x32,' out.txt
+check "thermal-shape kept the raw size" test "$(bytes wide.raw)" = $((cells * 4))
+expect 0 "thermal-shape of a 128x32 raw grid with a raw mask" \
+    "$halden" thermal-shape terrain.raw wide-masked.raw --size 128 --mask ones.raw
+expect 0 "thermal-shape of a 128x32 raw grid to .npy" "$halden" thermal-shape terrain.raw wide.npy --size 128 --json
+check "thermal-shape --json of 128x32" grep -q '"width": 128, "height": 32,' out.txt
+expect 0 "thermal-shape reads the 128x32 .npy back" "$halden" thermal-shape wide.npy wide2.npy
+check "the .npy keeps its shape" grep -q '^thermal-shape 128x32,' out.txt
+expect 2 "median of a non-square .npy" "$halden" median wide.npy out.npy
+
+# Mismatched masks exit 2, like any other bad size.
+head -c $((100 * 4)) /dev/zero >short.raw
+expect 2 "a raw mask that is not whole rows" "$halden" thermal-shape demo/terrain.npy out.npy --mask short.raw
+head -c $((64 * 32 * 4)) /dev/zero >half.raw
+expect 2 "a raw mask of 64x32 for 64x64" "$halden" thermal-shape demo/terrain.npy out.npy --mask half.raw
+check "the mismatch is named" grep -q 'the mask is 64x32, but demo/terrain.npy is 64x64' err.txt
+expect 2 "a .npy mask of 128x32 for 64x64" "$halden" thermal-shape demo/terrain.npy out.npy --mask wide.npy
+expect 2 "a missing mask" "$halden" thermal-shape demo/terrain.npy out.npy --mask no-such-mask.raw
+check "nothing written after mask errors" test ! -e out.npy
+
+# Size errors.
+head -c $((2048 * 4)) /dev/zero >odd.raw
+expect 2 "raw input that is not square without --size" "$halden" thermal-shape odd.raw out.raw
+expect 2 "--size that does not divide the raw input" "$halden" thermal-shape terrain.raw out.raw --size 100
+expect 2 "--size that does not match the .npy" "$halden" thermal-shape demo/terrain.npy out.npy --size 32
+check "the .npy mismatch is named" grep -q -- '--size 32 does not match the .npy shape (64, 64)' err.txt
+
+# Usage errors.
+for bad in "--amount abc" "--amount 1x" "--amount nan" "--amount=-inf" "--amount=" "--strength inf" \
+    "--strength 1e99" "--extent 0" "--extent -5" "--height-scale 0" "--level-factor -0.1" "--size 0" \
+    "--mask=" "--device=" "--frobnicate"; do
+    # shellcheck disable=SC2086  # each entry is an option and its value
+    expect 1 "thermal-shape $bad" "$halden" thermal-shape demo/terrain.npy out.npy $bad
+done
+expect 1 "thermal-shape without OUT" "$halden" thermal-shape demo/terrain.npy
+expect 1 "thermal-shape --amount without a value" "$halden" thermal-shape demo/terrain.npy out.npy --amount
+check "usage errors wrote nothing" test ! -e out.npy
+
+# Missing and unreadable files.
+expect 2 "thermal-shape of a missing file" "$halden" thermal-shape no-such-file.npy out.npy
+expect 2 "median of a missing file" "$halden" median no-such-file.npy out.npy
+expect 2 "thermal-shape of a directory" "$halden" thermal-shape demo out.npy
+expect 2 "thermal-shape into a missing directory" "$halden" thermal-shape demo/terrain.npy no-such-dir/out.npy
+
+# Device and library failures.
+expect 3 "thermal-shape on an unknown device" "$halden" thermal-shape demo/terrain.npy out.npy --device no-such-device
+expect 3 "a record the library rejects" "$halden" thermal-shape demo/terrain.npy out.npy --level-factor 1e30
+check "the library's reason reaches stderr" grep -q 'more than 64 levels' err.txt
+check "device failures wrote nothing" test ! -e out.npy
+
+# --- help ------------------------------------------------------------------------
+expect 0 "thermal-shape --help" "$halden" thermal-shape --help
+check "thermal-shape --help shows the usage" grep -q '^usage: halden thermal-shape IN OUT' out.txt
+expect 0 "halden --help lists thermal-shape" "$halden" --help
+check "the command list names thermal-shape" grep -q '^  thermal-shape ' out.txt
+expect 1 "an unknown command" "$halden" no-such-command
+
+if [ "$failures" -ne 0 ]; then
+    echo "$failures check(s) failed"
+    exit 1
+fi
+echo "all checks passed"
