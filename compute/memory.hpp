@@ -88,6 +88,10 @@ public:
     buffer(queue& q, T* h_data, range<D> extent) : m_mem(q, extent, "buffer"), m_queue(&q), m_host(h_data) {
         m_mem.copy_from_host(h_data);
     }
+    // A device copy of a read-only host array: nothing is written back.
+    buffer(queue& q, const T* h_data, range<D> extent) : m_mem(q, extent, "buffer"), m_queue(&q) {
+        m_mem.copy_from_host(h_data);
+    }
     // A scratch buffer bound to no host array.
     buffer(queue& q, range<D> extent) : m_mem(q, extent, "scratch buffer"), m_queue(&q) {}
 

@@ -75,6 +75,8 @@ public:
     // depth is chosen by the module that builds the pyramid.
     int depth() const { return m_depth; }
     Level* coarser() const { return m_coarser.get(); }
+    // Frees the coarser levels once this one has been rebuilt from them.
+    void release_coarser() { m_coarser.reset(); }
 
     // The coarsest level of the chain below (or this one).
     Level& coarsest() {

@@ -8,7 +8,10 @@ namespace halden::test {
 namespace {
 
 void on_debug(const char* t) { messages().debug.emplace_back(t); }
-std::int32_t on_progress(float) { return 0; }
+std::int32_t on_progress(float percent) {
+    messages().progress.push_back(percent);
+    return 0;
+}
 void on_info(const char* t) { messages().info.emplace_back(t); }
 void on_warning(const char* t) { messages().warning.emplace_back(t); }
 void on_error(const char* t) { messages().error.emplace_back(t); }

@@ -20,6 +20,7 @@ namespace halden::test {
 struct captured {
     std::vector<std::string> debug, info, warning, error;
     std::vector<std::uint64_t> reserved, released;
+    std::vector<float> progress;
     void clear() { *this = captured{}; }
 };
 captured& messages();

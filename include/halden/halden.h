@@ -302,6 +302,59 @@ HALDEN_API uint32_t ThermalShaper_Process(halden_queue* queue, float* heights, c
                                           const halden_thermal_shaper_parameters* parameters,
                                           const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Flow simulation.                                                           */
+/*
+ * width, height  grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * length         how far a long trace may run, as a fraction of the width: a
+ *                long trace takes up to width * length + 2 steps (>= 0; the
+ *                step count may not pass 2^24). 0 gives one visit per long
+ *                trace, 1 lets rivers cross the whole map.
+ * accumulation   weight of the linear part of the map: every visit adds
+ *                accumulation * 1e-5 to it (finite). 0 keeps only the
+ *                saturating intensity, which stays below about 0.03125 per
+ *                batch; larger values let big rivers stand out.
+ * seed           seed of every random choice (particle jitter, shuffles,
+ *                turns); the same seed gives the same map on every device.
+ *
+ * Defaults worth starting from: length 0.5, accumulation 1, seed 1.
+ */
+typedef struct halden_flow_parameters {
+    int32_t width;
+    int32_t height;
+    float length;
+    float accumulation;
+    uint32_t seed;
+} halden_flow_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_flow_parameters) == 20, "flow record is 20 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_flow_parameters, length) == 8, "length at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_flow_parameters, seed) == 16, "seed at 16");
+
+/* `no_mask` value of FlowSimulation: every cell emits a particle. */
+#define HALDEN_FLOW_NO_MASK 1u
+
+/*
+ * Computes a flow map of the width x height row-major grid `heights` (only
+ * read): the pits are filled, one particle per cell runs downhill with some
+ * inertia and randomness, and the visits are folded into a saturating
+ * intensity plus a linear accumulation. `flow` holds width * height floats:
+ * unless `no_mask` is HALDEN_FLOW_NO_MASK it is first read as the seeding mask
+ * (a cell emits with the probability of its value, 0 to 1); on return it holds
+ * the flow map. Needs about 28 bytes per cell of device memory.
+ *
+ * Progress goes to slot 1 of `callbacks` in percent; a nonzero return from
+ * slot 1 or slot 7 cancels, and `flow` then holds the map of the particles
+ * that ran. Returns 0 when done; 2 when the device lacks the memory; 3 for
+ * null arrays or record, an invalid record, a cancel or a device error.
+ *
+ *   halden_flow_parameters p = {1024, 1024, 0.5f, 1.0f, 1};
+ *   uint32_t status = FlowSimulation(q, HALDEN_FLOW_NO_MASK, heights, map, &p, &callbacks);
+ */
+HALDEN_API uint32_t FlowSimulation(halden_queue* queue, uint64_t no_mask, const float* heights, float* flow,
+                                   const halden_flow_parameters* parameters,
+                                   const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -318,6 +371,10 @@ using Parameters = ::halden_median_filter_parameters;
 namespace thermal_shaper {
 using Parameters = ::halden_thermal_shaper_parameters;
 }  // namespace thermal_shaper
+
+namespace flow {
+using Parameters = ::halden_flow_parameters;
+}  // namespace flow
 #endif
 
 #endif /* HALDEN_HALDEN_H */

@@ -1,0 +1,409 @@
+// SPDX-License-Identifier: Apache-2.0
+// Flow simulation: host seeding against values worked out independently, pit
+// filling and the particle kernel on hand-made grids, and the export's
+// invariants, cancel, bad input and device agreement.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "modules/flow/flow.hpp"
+#include "support.hpp"
+
+namespace {
+
+using halden::core::grid;
+using halden::test::download;
+using halden::test::first_difference;
+using halden::test::hex;
+using halden::test::messages;
+using halden::test::upload;
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+flow::Parameters record(int w, int h, float length = 0.5f, std::uint32_t seed = 1) { return {w, h, length, 1.0f, seed}; }
+
+std::vector<float> plane(int w, int h) {
+    std::vector<float> v(std::size_t(w) * h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) v[std::size_t(y) * w + x] = float(x);
+    return v;
+}
+
+std::vector<float> hills(int w, int h) {
+    std::vector<float> v(std::size_t(w) * h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            v[std::size_t(y) * w + x] =
+                40.0f * std::sin(0.05f * x) * std::cos(0.04f * y) + 0.2f * x + 3.0f * std::sin(0.4f * x + 0.3f * y);
+    return v;
+}
+
+void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want) {
+    ASSERT_EQ(got.size(), want.size());
+    const long long i = first_difference(got, want);
+    EXPECT_EQ(i, -1) << "cell " << i << ": got " << hex(got[std::size_t(i)]) << ", want " << hex(want[std::size_t(i)]);
+}
+
+// ---------------------------------------------------------------------------
+// Host side.
+
+TEST(FlowPlan, SeedingMatchesIndependentDraws) {
+    // Worked out with a separate implementation of the xorshift draws.
+    const float mask[] = {0.5f, 1.0f, 0.0f, 0.9f, 0.2f, 1.0f};
+    const std::vector<flow::vec2> masked = flow::plan::seed_particles(record(3, 2, 0.5f, 7), mask);
+    const flow::vec2 want_masked[] = {
+        {0.871191204f, 0.566628754f}, {1.19434917f, 0.196624592f}, {0.55681324f, 1.50539637f}, {2.44534302f, 1.66398168f}};
+    ASSERT_EQ(masked.size(), 4u);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(masked[i].x, want_masked[i].x) << i;
+        EXPECT_EQ(masked[i].y, want_masked[i].y) << i;
+    }
+    // Seed 0 starts the host state at 0xA2351342; no mask emits every cell.
+    const std::vector<flow::vec2> all = flow::plan::seed_particles(record(2, 2, 0.5f, 0), nullptr);
+    const flow::vec2 want_all[] = {
+        {0.611715674f, 0.731014669f}, {1.20133471f, 0.258612216f}, {0.6846264f, 1.62526333f}, {1.83588552f, 1.40023232f}};
+    ASSERT_EQ(all.size(), 4u);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(all[i].x, want_all[i].x) << i;
+        EXPECT_EQ(all[i].y, want_all[i].y) << i;
+    }
+    const float zeros[6] = {};
+    EXPECT_TRUE(flow::plan::seed_particles(record(3, 2), zeros).empty());
+}
+
+TEST(FlowPlan, DirectionsAndShuffles) {
+    const std::vector<flow::vec2> d = flow::plan::directions();
+    ASSERT_EQ(d.size(), 32u);
+    EXPECT_EQ(d[0].x, 1.0f);
+    EXPECT_EQ(d[0].y, 0.0f);
+    EXPECT_EQ(d[1].x, 0.98078525f);
+    EXPECT_EQ(d[1].y, 0.19509032f);
+    EXPECT_EQ(d[2].x, 0.9238795f);
+    EXPECT_EQ(d[2].y, 0.38268343f);
+    for (int k = 0; k < 32; ++k) {
+        const double a = k * 11.25 * 3.14159265358979323846 / 180.0;
+        EXPECT_NEAR(d[k].x, std::cos(a), 1e-7) << k;
+        EXPECT_NEAR(d[k].y, std::sin(a), 1e-7) << k;
+        // Opposite entries are exact negations.
+        EXPECT_EQ(d[(k + 16) % 32].x, -d[k].x) << k;
+        EXPECT_EQ(d[(k + 16) % 32].y, -d[k].y) << k;
+    }
+    // A shuffle is a permutation, fixed by its seed.
+    std::vector<flow::vec2> a = d, b = d, c = d;
+    flow::plan::shuffle(a, 15);
+    flow::plan::shuffle(b, 15);
+    flow::plan::shuffle(c, 16);
+    auto key = [](const std::vector<flow::vec2>& v) {
+        std::vector<std::pair<float, float>> k;
+        for (const flow::vec2& e : v) k.emplace_back(e.x, e.y);
+        return k;
+    };
+    EXPECT_EQ(key(a), key(b));
+    EXPECT_NE(key(a), key(c));
+    EXPECT_NE(key(a), key(d));
+    auto sorted = [&](std::vector<flow::vec2> v) {
+        auto k = key(v);
+        std::sort(k.begin(), k.end());
+        return k;
+    };
+    EXPECT_EQ(sorted(a), sorted(d));
+}
+
+TEST(FlowPlan, LevelsAndBatchGain) {
+    EXPECT_EQ(flow::plan::levels(1024), 3);
+    EXPECT_EQ(flow::plan::levels(4096), 5);
+    EXPECT_EQ(flow::plan::levels(256), 1);
+    EXPECT_EQ(flow::plan::levels(100), 1);
+    EXPECT_EQ(flow::plan::levels(1), 1);
+    // All long traces at the step limit 2 (length 0): m = 2, r = 1 / (2 Q),
+    // t = 2, so k = 2 + v (2 - N / Q).
+    const float k = flow::plan::batch_gain(0, 128, 4096, 4096, 2.0f);
+    const float v = -0.25f - (0.7f * 4096.0f) / 4096.0f;
+    const float r = 1.0f / (2.0f * 0.0f + 2.0f * 128.0f);
+    const float t = (0.0f + 128.0f) * (2.0f + 2.0f) * r;
+    EXPECT_EQ(k, t + v * (t - 4096.0f * r));
+    EXPECT_EQ(t, 2.0f);
+}
+
+TEST(FlowPlan, RecordChecks) {
+    EXPECT_TRUE(flow::check(record(10, 10)).empty());
+    EXPECT_TRUE(flow::check(record(10, 10, 0.0f)).empty());
+    EXPECT_FALSE(flow::check(record(0, 10)).empty());
+    EXPECT_FALSE(flow::check(record(10, -1)).empty());
+    EXPECT_FALSE(flow::check(record(65536, 65536)).empty());
+    EXPECT_FALSE(flow::check(record(10, 10, -0.5f)).empty());
+    EXPECT_FALSE(flow::check(record(10, 10, kNaN)).empty());
+    EXPECT_FALSE(flow::check(record(1000, 10, 1e5f)).empty());  // more than 2^24 steps
+    flow::Parameters p = record(10, 10);
+    p.accumulation = std::numeric_limits<float>::infinity();
+    EXPECT_FALSE(flow::check(p).empty());
+    EXPECT_EQ(flow::memory_estimate(record(100, 30)), 28u * 3000u);
+}
+
+// ---------------------------------------------------------------------------
+// Kernels on each back-end.
+
+class FlowKernels : public halden::test::BackendTest {
+protected:
+    // A Flow object over a small dummy grid, whose kernels the tests call.
+    std::vector<float> dummy = std::vector<float>(4, 0.0f), dummy_map = std::vector<float>(4, 0.0f);
+    std::unique_ptr<flow::Flow> make(const flow::Parameters& p) {
+        return std::make_unique<flow::Flow>(*q, p, HALDEN_FLOW_NO_MASK, dummy.data(), dummy_map.data());
+    }
+};
+
+TEST_P(FlowKernels, PitsRiseToTheSecondLowestNeighbourAndAreMarked) {
+    auto f = make(record(2, 2));
+    grid h = upload(*q, {5, 4, 6, 3, 0, 7, 8, 9, 2}, 3, 3), scratch(*q, {3, 3});
+    grid marks = upload(*q, std::vector<float>(9, 0.0f), 3, 3);
+    f->fill_pits(h, scratch, marks);
+    EXPECT_EQ(download(h), (std::vector<float>{5, 4, 6, 4, 3, 7, 8, 9, 7}));
+    EXPECT_EQ(download(marks), (std::vector<float>{0, 0, 0, 1, 1, 0, 0, 0, 1}));
+
+    // One neighbour: it is the target. Cells at their target are marked too.
+    grid pair = upload(*q, {1, 5}, 2, 1), ps(*q, {1, 2}), pm = upload(*q, {0, 0}, 2, 1);
+    f->fill_pits(pair, ps, pm);
+    EXPECT_EQ(download(pair), (std::vector<float>{5, 5}));
+    EXPECT_EQ(download(pm), (std::vector<float>{1, 0}));
+    grid level = upload(*q, {2, 2, 2}, 3, 1), ls(*q, {1, 3}), lm = upload(*q, {0, 0, 0}, 3, 1);
+    f->fill_pits(level, ls, lm);
+    EXPECT_EQ(download(lm), (std::vector<float>{1, 1, 1}));
+
+    // The unmarked pass computes the same heights; a slope is left alone.
+    std::vector<float> slope(25);
+    for (int i = 0; i < 25; ++i) slope[i] = float(i % 5 + i / 5);
+    grid s = upload(*q, slope, 5, 5), ss(*q, {5, 5});
+    f->fill_pits(s, ss);
+    const std::vector<float> out = download(s);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 5; ++x)
+            if (x + y > 0) {
+                EXPECT_EQ(out[y * 5 + x], slope[y * 5 + x]) << y << ", " << x;
+            }
+}
+
+TEST_P(FlowKernels, ParticlesVisitTheirCellsAndStopAtTheStepLimit) {
+    const int w = 8, h = 6;
+    auto f = make(record(w, h));
+    f->count_steps();
+    grid heights = upload(*q, plane(w, h), w, h), visits = upload(*q, std::vector<float>(w * h, 0.0f), w, h);
+    // Inside, inside, on the right limit (dropped), past the bottom limit (dropped).
+    const std::vector<flow::vec2> starts = {{3.5f, 2.5f}, {6.9f, 4.2f}, {7.0f, 1.5f}, {2.5f, 5.0f}};
+    halden::compute::usm_ptr<flow::vec2, 1> particles(*q, {starts.size()});
+    particles.copy_from_host(starts.data());
+    const std::vector<flow::vec2> table = flow::plan::directions();
+    halden::compute::usm_ptr<flow::vec2, 1> directions(*q, {table.size()});
+    directions.copy_from_host(table.data());
+    // A step limit of 2 allows one visit: the start cell.
+    f->flow(particles, 0, 4, 2, 0, heights, visits, directions);
+    std::vector<float> v = download(visits);
+    std::vector<float> want(w * h, 0.0f);
+    want[2 * w + 3] = 1.0f;
+    want[4 * w + 6] = 1.0f;
+    EXPECT_EQ(v, want);
+
+    // On the plane every particle runs left, one visit per move, until it
+    // leaves the grid: from x = 3.5 it visits columns 3, 2, 1 and 0.
+    grid fresh = upload(*q, std::vector<float>(w * h, 0.0f), w, h);
+    f->flow(particles, 0, 1, 16, 0, heights, fresh, directions);
+    v = download(fresh);
+    float total = 0.0f;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            total += v[y * w + x];
+            if (x > 3) {
+                EXPECT_EQ(v[y * w + x], 0.0f) << y << ", " << x;
+            }
+        }
+    EXPECT_EQ(total, 4.0f);
+}
+
+TEST_P(FlowKernels, ZeroLengthGivesOneVisitPerLongTrace) {
+    // 64 x 64 cells emit 4096 particles; with fewer than 262144 of them, 128 per
+    // batch run long, which is every particle of a 128-particle batch.
+    const int w = 64, h = 64;
+    const std::vector<float> heights = plane(w, h);
+    std::vector<float> map(w * h, 0.0f);
+    flow::Flow f(*q, record(w, h, 0.0f), HALDEN_FLOW_NO_MASK, heights.data(), map.data());
+    f.count_steps();
+    ASSERT_TRUE(f.process());
+    // Pit filling flattens the low corners, and particles that start on a
+    // flat spot (or in the last row or column) are dropped; every other one
+    // makes exactly one visit.
+    const std::vector<float> filled = download(f.working_heights());
+    std::uint64_t moving = 0;
+    for (const flow::vec2& p : flow::plan::seed_particles(record(w, h, 0.0f), nullptr)) {
+        if (!(p.x < float(w - 1) && p.y < float(h - 1))) continue;
+        const float u = p.x - 0.5f, v = p.y - 0.5f;
+        const int i0 = std::max(int(u), 0), j0 = std::max(int(v), 0);
+        const int i1 = std::min(int(u) + 1, w - 1), j1 = std::min(int(v) + 1, h - 1);
+        const float fx = u - std::floor(u), fy = v - std::floor(v);
+        auto at = [&](int j, int i) { return filled[std::size_t(j) * w + i]; };
+        const float gx = (at(j0, i1) - at(j0, i0)) * (1.0f - fy) + (at(j1, i1) - at(j1, i0)) * fy;
+        const float gy = (at(j1, i0) - at(j0, i0)) * (1.0f - fx) + (at(j1, i1) - at(j0, i1)) * fx;
+        moving += std::sqrt(gx * gx + gy * gy) > 0.0f;
+    }
+    EXPECT_GT(moving, 3800u);
+    EXPECT_EQ(f.steps(), moving);
+}
+
+HALDEN_INSTANTIATE_ON_BACKENDS(FlowKernels);
+
+// ---------------------------------------------------------------------------
+// The export.
+
+class FlowExport : public halden::test::DeviceTest {
+protected:
+    std::uint32_t run(const std::vector<float>& heights, std::vector<float>& map, const flow::Parameters& p,
+                      std::uint64_t no_mask = HALDEN_FLOW_NO_MASK, const halden_callbacks* cb = nullptr) {
+        return FlowSimulation(queue, no_mask, heights.data(), map.data(), &p,
+                              cb ? cb : &halden::test::capturing_callbacks());
+    }
+};
+
+TEST_P(FlowExport, FlatTerrainAndZeroMaskGiveAnEmptyMap) {
+    const int w = 40, h = 30;
+    const std::vector<float> flat(w * h, 7.0f);
+    std::vector<float> map(w * h, 0.5f);
+    EXPECT_EQ(run(flat, map, record(w, h)), 0u);
+    EXPECT_EQ(map, std::vector<float>(w * h, 0.0f));
+
+    map.assign(w * h, 0.0f);
+    EXPECT_EQ(run(hills(w, h), map, record(w, h), 0), 0u);
+    EXPECT_EQ(map, std::vector<float>(w * h, 0.0f));
+    EXPECT_TRUE(messages().error.empty());
+}
+
+TEST_P(FlowExport, HeightsAreOnlyRead) {
+    const std::vector<float> in = hills(50, 40);
+    std::vector<float> heights = in, map(in.size(), 0.0f);
+    EXPECT_EQ(FlowSimulation(queue, HALDEN_FLOW_NO_MASK, heights.data(), map.data(), nullptr, nullptr), 3u);
+    const flow::Parameters p = record(50, 40);
+    EXPECT_EQ(FlowSimulation(queue, HALDEN_FLOW_NO_MASK, heights.data(), map.data(), &p, nullptr), 0u);
+    expect_same_bits(heights, in);
+}
+
+TEST_P(FlowExport, ATiltedPlaneSendsTheFlowDownhill) {
+    const int w = 64, h = 48;
+    std::vector<float> map(w * h, 0.0f);
+    // A heavy linear part, so the map counts visits rather than saturating.
+    flow::Parameters p = record(w, h, 1.0f);
+    p.accumulation = 1000.0f;
+    ASSERT_EQ(run(plane(w, h), map, p), 0u);
+    // Column x collects the particles that started to its right, so the
+    // column totals fall toward the high edge.
+    std::vector<double> column(w, 0.0);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) column[x] += map[y * w + x];
+    for (int x = 8; x < w; x += 8) EXPECT_LT(column[x], column[x - 8]) << x;
+    EXPECT_GT(column[0], 10.0 * column[w - 4]);
+    EXPECT_GT(column[w - 4], 0.0);
+}
+
+TEST_P(FlowExport, SameSeedSameMapOtherSeedOtherMap) {
+    const int w = 70, h = 50;
+    const std::vector<float> terrain = hills(w, h);
+    std::vector<float> mask(w * h);
+    for (std::size_t i = 0; i < mask.size(); ++i) mask[i] = float(i % 10) / 9.0f;
+    std::vector<float> a = mask, b = mask, c = mask;
+    ASSERT_EQ(run(terrain, a, record(w, h, 0.5f, 3), 0), 0u);
+    ASSERT_EQ(run(terrain, b, record(w, h, 0.5f, 3), 0), 0u);
+    ASSERT_EQ(run(terrain, c, record(w, h, 0.5f, 4), 0), 0u);
+    expect_same_bits(a, b);
+    EXPECT_NE(first_difference(a, c), -1);
+    for (float v : a) ASSERT_TRUE(std::isfinite(v) && v >= 0.0f);
+}
+
+int g_calls = 0;
+std::int32_t stop_after_two(float) { return ++g_calls > 2 ? 1 : 0; }
+std::int32_t never(float) { return 0; }
+std::int32_t cancel_now() { return 1; }
+
+TEST_P(FlowExport, CancelStopsEarlyAndKeepsThePartialMap) {
+    const int w = 90, h = 60;
+    const std::vector<float> terrain = hills(w, h);
+    std::vector<float> full(w * h, 0.0f), part(w * h, 0.0f), none(w * h, 0.0f);
+    halden_callbacks cb = halden::test::capturing_callbacks();
+    cb.progress = never;
+    ASSERT_EQ(run(terrain, full, record(w, h), HALDEN_FLOW_NO_MASK, &cb), 0u);
+    g_calls = 0;
+    cb.progress = stop_after_two;
+    EXPECT_EQ(run(terrain, part, record(w, h), HALDEN_FLOW_NO_MASK, &cb), 3u);
+    EXPECT_EQ(g_calls, 3);
+    const double sum_full = std::accumulate(full.begin(), full.end(), 0.0);
+    const double sum_part = std::accumulate(part.begin(), part.end(), 0.0);
+    EXPECT_GT(sum_part, 0.0);
+    EXPECT_LT(sum_part, sum_full);
+    // Slot 7 cancels before the first batch.
+    cb.progress = never;
+    cb.cancel = cancel_now;
+    EXPECT_EQ(run(terrain, none, record(w, h), HALDEN_FLOW_NO_MASK, &cb), 3u);
+    EXPECT_EQ(none, std::vector<float>(w * h, 0.0f));
+}
+
+TEST_P(FlowExport, ProgressClimbsToOneHundredAndMemoryIsAnnounced) {
+    std::vector<float> map(60 * 40, 0.0f);
+    ASSERT_EQ(run(hills(60, 40), map, record(60, 40)), 0u);
+    const std::vector<float>& progress = messages().progress;
+    ASSERT_GE(progress.size(), 2u);
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+    EXPECT_EQ(progress.back(), 100.0f);
+    ASSERT_EQ(messages().reserved.size(), 1u);
+    EXPECT_EQ(messages().released, messages().reserved);
+}
+
+TEST_P(FlowExport, BadInputIsRejectedWithoutTouchingTheMap) {
+    const std::vector<float> terrain = hills(20, 20);
+    std::vector<float> map(400, 0.25f);
+    const flow::Parameters p = record(20, 20);
+    EXPECT_EQ(FlowSimulation(nullptr, 1, terrain.data(), map.data(), &p, nullptr), 3u);
+    EXPECT_EQ(FlowSimulation(queue, 1, nullptr, map.data(), &p, &halden::test::capturing_callbacks()), 3u);
+    EXPECT_EQ(FlowSimulation(queue, 1, terrain.data(), nullptr, &p, &halden::test::capturing_callbacks()), 3u);
+    EXPECT_EQ(run(terrain, map, record(0, 20)), 3u);
+    EXPECT_EQ(run(terrain, map, record(20, 20, -1.0f)), 3u);
+    EXPECT_GE(messages().error.size(), 4u);
+    EXPECT_EQ(map, std::vector<float>(400, 0.25f));
+
+    // NaN heights neither hang nor crash, and leave no NaN in the map.
+    std::vector<float> holes = terrain;
+    for (std::size_t i = 0; i < holes.size(); i += 7) holes[i] = kNaN;
+    EXPECT_EQ(run(holes, map, record(20, 20, 2.0f)), 0u);
+    for (float v : map) ASSERT_TRUE(std::isfinite(v));
+    EXPECT_EQ(run(std::vector<float>(400, kNaN), map, record(20, 20)), 0u);
+    // One cell, one row: nothing to trace.
+    std::vector<float> one(1, 0.0f);
+    EXPECT_EQ(run(std::vector<float>(1, 3.0f), one, record(1, 1)), 0u);
+    EXPECT_EQ(one[0], 0.0f);
+}
+
+HALDEN_INSTANTIATE_ON_DEVICES(FlowExport);
+
+TEST(FlowDevices, CpuAndCudaAgree) {
+    const std::string cuda = halden::test::first_cuda_key();
+    if (cuda.empty()) GTEST_SKIP() << "no CUDA device listed";
+    const int w = 300, h = 200;
+    const std::vector<float> terrain = hills(w, h);
+    std::vector<float> mask(w * h);
+    for (std::size_t i = 0; i < mask.size(); ++i) mask[i] = float(i % 13) / 12.0f;
+    auto on = [&](const std::string& key, std::uint64_t no_mask) {
+        halden_queue* q = CreateSyclQueue(key.c_str(), &halden::test::capturing_callbacks());
+        EXPECT_NE(q, nullptr) << key;
+        std::vector<float> map = mask;
+        const flow::Parameters p = record(w, h, 0.8f, 11);
+        if (q) {
+            EXPECT_EQ(FlowSimulation(q, no_mask, terrain.data(), map.data(), &p, &halden::test::capturing_callbacks()),
+                      0u);
+        }
+        DestroySyclQueue(q);
+        return map;
+    };
+    expect_same_bits(on(cuda, HALDEN_FLOW_NO_MASK), on("cpu", HALDEN_FLOW_NO_MASK));
+    expect_same_bits(on(cuda, 0), on("cpu", 0));
+}
+
+}  // namespace
