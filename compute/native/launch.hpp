@@ -14,7 +14,9 @@ namespace halden::compute::native {
 template <class F>
 void launch(range<1> r, F& body) {
     const std::int64_t n = static_cast<std::int64_t>(r.size);
-#pragma omp parallel for schedule(static)
+    // Work items of 1-D launches (particles) differ widely in cost: hand them
+    // out in chunks rather than in equal shares.
+#pragma omp parallel for schedule(dynamic, 256)
     for (std::int64_t i = 0; i < n; ++i) body(static_cast<std::size_t>(i));
 }
 
