@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the halden tool's commands on small grids and checks their results and
-# exit codes. Needs bash and coreutils; python3, when present, adds a check of
-# the masked output's values.
+# exit codes. Needs bash and coreutils; python3, when present, adds checks of
+# output values, and /proc, when present, a Ctrl-C check.
 #
 # usage: cli_test.sh HALDEN WORKDIR   (WORKDIR is emptied first)
 #
@@ -65,7 +65,9 @@ expect 0 "demo --size 64 --out demo" "$halden" demo --size 64 --out demo
 check "demo wrote terrain.npy" test -s demo/terrain.npy
 check "demo wrote median.npy" test -s demo/median.npy
 check "demo wrote thermal.npy" test -s demo/thermal.npy
+check "demo wrote flow.npy" test -s demo/flow.npy
 check "demo reports the thermal shaper" grep -q '^thermal shaper' out.txt
+check "demo reports the flow simulation" grep -q '^flow simulation, length 0.5, accumulation 1, seed 1$' out.txt
 cells=$((64 * 64))
 # The demo's .npy header is padded to a multiple of 64 bytes; the data follows.
 tail -c $((cells * 4)) demo/terrain.npy >terrain.raw
@@ -180,11 +182,123 @@ expect 3 "a record the library rejects" "$halden" thermal-shape demo/terrain.npy
 check "the library's reason reaches stderr" grep -q 'more than 64 levels' err.txt
 check "device failures wrote nothing" test ! -e out.npy
 
+# --- flow --------------------------------------------------------------------------
+expect 0 "flow, defaults" "$halden" flow demo/terrain.npy flow.npy
+check "flow prints size and parameters" \
+    grep -q '^flow 64x64, length 0.5, accumulation 1, seed 1 on .*: .* ms, .* Mcells/s$' out.txt
+check "flow draws no bar when stderr is not a terminal" test ! -s err.txt
+check "flow kept the .npy size" test "$(bytes flow.npy)" = "$(bytes demo/terrain.npy)"
+check "flow matches the demo's result" cmp flow.npy demo/flow.npy
+if command -v python3 >/dev/null; then
+    check "the flow map is finite, never negative, and not all zero" python3 - flow.npy <<'EOF'
+import array, math, sys
+data = open(sys.argv[1], "rb").read()
+values = array.array("f")
+values.frombytes(data[10 + (data[8] | data[9] << 8):])
+sys.exit(0 if len(values) == 64 * 64 and all(math.isfinite(v) and v >= 0 for v in values) and max(values) > 0 else 1)
+EOF
+else
+    echo "skip: the flow map's values (no python3)"
+fi
+expect 0 "flow --seed 1 again" "$halden" flow demo/terrain.npy again.npy --seed 1 --no-progress
+check "the same seed gives the same map" cmp again.npy flow.npy
+expect 0 "flow --seed 2" "$halden" flow demo/terrain.npy seed2.npy --seed 2
+check "another seed gives another map" eval '! cmp -s seed2.npy flow.npy'
+expect 0 "flow --json" "$halden" flow demo/terrain.npy flow-json.npy --json
+check "flow --json fields" \
+    grep -q '^{"operation": "flow", "device": ".*", "width": 64, "height": 64, "milliseconds": ' out.txt
+expect 0 "flow --quiet" "$halden" flow demo/terrain.npy flow-quiet.npy --quiet
+check "flow --quiet prints nothing" test ! -s out.txt
+check "flow --quiet still writes OUT" cmp flow-quiet.npy flow.npy
+expect 0 "flow, every option" "$halden" flow demo/terrain.npy all-flow.npy --length=0.25 --accumulation 0 \
+    --seed 4294967295 --device cpu --size 64 --no-progress
+check "flow echoes the options" grep -q '^flow 64x64, length 0.25, accumulation 0, seed 4294967295 on ' out.txt
+expect 0 "flow on raw, side inferred" "$halden" flow terrain.raw flow.raw --quiet
+check "raw flow output is the .npy one's data" cmp flow.raw <(tail -c $((cells * 4)) flow.npy)
+expect 0 "flow of a 128x32 raw grid" "$halden" flow terrain.raw wide-flow.raw --size 128
+check "flow reports 128x32" grep -q '^flow 128x32,' out.txt
+check "flow kept the raw size" test "$(bytes wide-flow.raw)" = $((cells * 4))
+
+# Masks. Zero everywhere seeds no particle, so the map is all zero. One
+# everywhere seeds every cell but draws its randomness differently from the
+# unmasked run, so only its determinism is checked.
+expect 0 "flow --mask (raw, all 0)" "$halden" flow demo/terrain.npy flow0.raw --mask zeros.raw
+check "a zero mask gives an all-zero map" cmp flow0.raw zeros.raw
+expect 0 "flow --mask (raw, all 1)" "$halden" flow demo/terrain.npy flow1.npy --mask ones.raw
+expect 0 "flow --mask (raw, all 1) again" "$halden" flow demo/terrain.npy flow1-again.npy --mask ones.raw
+check "a masked run is deterministic" cmp flow1.npy flow1-again.npy
+expect 0 "flow --mask (.npy, all 1)" "$halden" flow demo/terrain.npy flow1n.npy --mask ones.npy
+check "a .npy mask acts as the raw one" cmp flow1n.npy flow1.npy
+expect 0 "flow --mask (raw, all 1) --seed 2" "$halden" flow demo/terrain.npy flow1-seed2.npy --mask ones.raw --seed 2
+check "a masked run with another seed differs" eval '! cmp -s flow1-seed2.npy flow1.npy'
+expect 0 "flow of a 128x32 raw grid with a raw mask" \
+    "$halden" flow terrain.raw wide-flow0.raw --size 128 --mask zeros.raw
+check "the 128x32 zero-masked map is all zero" cmp wide-flow0.raw zeros.raw
+expect 2 "flow with a raw mask of 64x32 for 64x64" "$halden" flow demo/terrain.npy out.npy --mask half.raw
+check "the flow mask mismatch is named" grep -q 'the mask is 64x32, but demo/terrain.npy is 64x64' err.txt
+expect 2 "flow with a .npy mask of 128x32 for 64x64" "$halden" flow demo/terrain.npy out.npy --mask wide.npy
+expect 2 "flow with a raw mask that is not whole rows" "$halden" flow demo/terrain.npy out.npy --mask short.raw
+expect 2 "flow with a missing mask" "$halden" flow demo/terrain.npy out.npy --mask no-such-mask.raw
+expect 2 "flow of a missing file" "$halden" flow no-such-file.npy out.npy
+expect 2 "flow --size that does not match the .npy" "$halden" flow demo/terrain.npy out.npy --size 32
+
+# Usage errors.
+for bad in "--length -1" "--length nan" "--length=" "--length 1x" "--accumulation inf" "--accumulation abc" \
+    "--seed abc" "--seed 4294967296" "--seed -1" "--seed 1.5" "--seed=" "--size 0" "--mask=" "--device=" \
+    "--frobnicate"; do
+    # shellcheck disable=SC2086  # each entry is an option and its value
+    expect 1 "flow $bad" "$halden" flow demo/terrain.npy out.npy $bad
+done
+expect 1 "flow without OUT" "$halden" flow demo/terrain.npy
+
+# Device and library failures.
+expect 3 "flow on an unknown device" "$halden" flow demo/terrain.npy out.npy --device no-such-device
+expect 3 "a flow record the library rejects" "$halden" flow demo/terrain.npy out.npy --length 1e9
+check "the library's flow reason reaches stderr" grep -q 'at most 2^24 steps' err.txt
+check "flow errors wrote nothing" test ! -e out.npy
+
+# Ctrl-C: a 512x512 grid (the terrain's rows laid end to end) runs long enough
+# for SIGINT to arrive during the run. The tool installs its handler just
+# before the run; /proc shows when it has (SigCgt, bit 2 for SIGINT).
+if [ -r /proc/self/status ]; then
+    for _ in $(seq 64); do cat terrain.raw; done >big.raw
+    # Job control, so that the background run does not start with SIGINT ignored.
+    set -m
+    # --verbose shows the library's own word that it stopped early.
+    "$halden" flow big.raw cancelled.raw --size 512 --verbose >out.txt 2>err.txt &
+    pid=$!
+    set +m
+    caught=
+    for _ in $(seq 1000); do
+        mask=$(awk '/^SigCgt:/ { print $2 }' "/proc/$pid/status" 2>/dev/null)
+        if [ -z "$mask" ]; then break; fi  # the run is over
+        if (((0x$mask & 2) != 0)); then caught=yes && break; fi
+        sleep 0.01
+    done
+    kill -INT "$pid" 2>/dev/null
+    wait "$pid"
+    got=$?
+    if [ -n "$caught" ] && [ "$got" = 3 ]; then pass "Ctrl-C cancels flow with exit 3"; else
+        flunk "Ctrl-C cancels flow with exit 3: exit $got, handler seen: ${caught:-no}"
+        sed 's/^/      /' out.txt err.txt
+    fi
+    check "the library stopped at the cancel request" grep -q 'FlowSimulation: cancelled' err.txt
+    check "a cancelled flow says so" grep -q 'cancelled; cancelled.raw not written' err.txt
+    check "a cancelled flow writes nothing" test ! -e cancelled.raw
+else
+    echo "skip: Ctrl-C cancels flow (no /proc)"
+fi
+
 # --- help ------------------------------------------------------------------------
 expect 0 "thermal-shape --help" "$halden" thermal-shape --help
 check "thermal-shape --help shows the usage" grep -q '^usage: halden thermal-shape IN OUT' out.txt
-expect 0 "halden --help lists thermal-shape" "$halden" --help
+expect 0 "flow --help" "$halden" flow --help
+check "flow --help shows the usage" grep -q '^usage: halden flow IN OUT' out.txt
+expect 0 "demo --help" "$halden" demo --help
+check "demo --help names flow.npy" grep -q 'DIR/flow.npy' out.txt
+expect 0 "halden --help lists thermal-shape and flow" "$halden" --help
 check "the command list names thermal-shape" grep -q '^  thermal-shape ' out.txt
+check "the command list names flow" grep -q '^  flow ' out.txt
 expect 1 "an unknown command" "$halden" no-such-command
 
 if [ "$failures" -ne 0 ]; then

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// halden: lists devices, median-filters and thermally shapes grid files and
-// runs a cross-device demo, all through the public C interface.
+// halden: lists devices, median-filters and thermally shapes grid files,
+// computes flow maps and runs a cross-device demo, all through the public C
+// interface.
 //
 // Messages go through C stdio only: creating a queue points std::cerr at the
 // null device.
@@ -21,6 +22,9 @@
 #include <utility>
 #include <vector>
 
+#include <signal.h>
+#include <unistd.h>
+
 #include "grid_io.hpp"
 #include "terrain.hpp"
 
@@ -35,6 +39,7 @@ const char kUsageText[] =
     "  devices        list the devices and their keys\n"
     "  median         median-filter a square float32 grid (.npy or raw)\n"
     "  thermal-shape  wear down the ridges (or fill the valleys) of a float32 height grid\n"
+    "  flow           map where water runs on a float32 height grid\n"
     "  demo           process a generated terrain on every device and compare the results\n"
     "\n"
     "options of every command:\n"
@@ -46,14 +51,16 @@ const char kUsageText[] =
     "  1  usage error (unknown command or option, bad option value)\n"
     "  2  input/output error (unreadable or unwritable file, bad size, unknown format,\n"
     "     a grid of the wrong shape for the command)\n"
-    "  3  device or operation error (no matching device, an error reported by the library)\n"
+    "  3  device or operation error (no matching device, an error reported by the library,\n"
+    "     not enough device memory, a run cancelled with Ctrl-C)\n"
     "  4  demo: the devices' results differ\n";
 
 const char kDevicesUsage[] =
     "usage: halden devices [--json]\n"
     "\n"
     "Lists the usable devices: index, name and key. A key selects its device in\n"
-    "'halden median --device KEY' and 'halden thermal-shape --device KEY'; the key \"cpu\" always selects the host device.\n"
+    "'halden median', 'halden thermal-shape' and 'halden flow' (--device KEY); the\n"
+    "key \"cpu\" always selects the host device.\n"
     "\n"
     "  --json  print a JSON array of {\"name\", \"key\", \"backend\", \"type\"}\n";
 
@@ -117,18 +124,57 @@ const char kThermalUsage[] =
     "Numbers must be finite and in plain decimal or exponent form. Exit codes: see\n"
     "'halden --help'; not enough device memory exits 3.\n";
 
+const char kFlowUsage[] =
+    "usage: halden flow IN OUT [--mask M] [--length L] [--accumulation A] [--seed S]\n"
+    "                          [--device KEY] [--size W] [--quiet] [--json] [--no-progress]\n"
+    "\n"
+    "Computes the flow map of the float32 height grid in IN on one device and writes\n"
+    "it to OUT: the pits are filled, a particle starts from every cell and runs\n"
+    "downhill, and each cell's value grows with the particles that crossed it (0 where\n"
+    "none did). IN is a .npy file ('<f4' or '<f8', 2-D of shape (height, width), C\n"
+    "order) or raw little-endian float32 rows. OUT, of IN's shape, is written as .npy\n"
+    "('<f4') when its name ends in .npy, as raw float32 otherwise; an existing OUT is\n"
+    "replaced only on success.\n"
+    "\n"
+    "  --mask M          a grid of IN's width and height (.npy, or raw in rows of IN's\n"
+    "                    width) giving each cell's chance of starting a particle: 0\n"
+    "                    never, 1 always; a mask of another shape exits 2\n"
+    "  --length L        how far the long traces run, as a fraction of the width, at\n"
+    "                    least 0 (default 0.5): 0 gives each a single visit, 1 lets\n"
+    "                    rivers cross the whole map\n"
+    "  --accumulation A  weight of the part of the map that grows linearly with the\n"
+    "                    visits (default 1): 0 keeps only the saturating part, larger\n"
+    "                    values make big rivers stand out\n"
+    "  --seed S          seed of every random choice, 0 to 4294967295 (default 1); a\n"
+    "                    seed gives the same map on every device\n"
+    "  --device KEY      cpu (the host device, default), gpu (the first CUDA device)\n"
+    "                    or a key listed by 'halden devices'\n"
+    "  --size W          width of a raw IN, whose height is then its value count / W;\n"
+    "                    without it IN must hold a square number of floats. A .npy IN\n"
+    "                    brings its own shape, which W must then match\n"
+    "  --quiet           print nothing on success\n"
+    "  --json            print {\"operation\", \"device\", \"width\", \"height\",\n"
+    "                    \"milliseconds\"} instead\n"
+    "  --no-progress     draw no progress bar; one is drawn on stderr only when that\n"
+    "                    is a terminal, and never with --quiet or --json\n"
+    "\n"
+    "Ctrl-C cancels the run: OUT is not written and the exit code is 3 (a second\n"
+    "Ctrl-C stops at once). Numbers must be finite and in plain decimal or exponent\n"
+    "form. Exit codes: see 'halden --help'; not enough device memory exits 3.\n";
+
 const char kDemoUsage[] =
     "usage: halden demo [--size N] [--out DIR]\n"
     "\n"
     "Generates a fractal terrain of N x N cells with spikes and pits, heights 0 to\n"
     "1000 m, and on every listed device median-filters it (radius 3, 2 iterations)\n"
     "and, separately, shapes it with the thermal shaper (amount -0.5, strength 1,\n"
-    "read as a map 10 km wide). Prints the times and checks for each operation that\n"
-    "all results agree bit for bit with the first device's.\n"
+    "read as a map 10 km wide) and computes its flow map (length 0.5, accumulation 1,\n"
+    "seed 1). Prints the times and checks for each operation that all results agree\n"
+    "bit for bit with the first device's.\n"
     "\n"
     "  --size N   side of the terrain (default 1024)\n"
-    "  --out DIR  write DIR/terrain.npy, DIR/median.npy and DIR/thermal.npy (the\n"
-    "             results of the first device that succeeded)\n"
+    "  --out DIR  write DIR/terrain.npy, DIR/median.npy, DIR/thermal.npy and\n"
+    "             DIR/flow.npy (the results of the first device that succeeded)\n"
     "\n"
     "Exits 0, 3 when a device failed, or else 4 when the results differ.\n";
 
@@ -137,16 +183,96 @@ const char kDemoUsage[] =
 bool g_verbose = false;
 std::atomic<bool> g_error{false};  // set by the error slot, which may run on a library thread
 
+// The progress bar on stderr: whether to draw it, the percentage last drawn
+// and whether the cursor still stands at the end of the bar's line.
+bool g_bar_enabled = false;
+int g_bar_shown = -1;
+bool g_bar_open = false;
+
+// Ends the bar's line, so that a message does not run on after the bar.
+void break_bar_line() {
+    if (!g_bar_open) return;
+    std::fputc('\n', stderr);
+    g_bar_open = false;
+}
+
+void draw_bar(float percent) {
+    constexpr int kCells = 30;
+    // Written so that NaN draws 0 rather than reaching the int conversion.
+    const int whole = static_cast<int>(percent >= 0.0f ? std::min(percent, 100.0f) : 0.0f);
+    if (whole == g_bar_shown && g_bar_open) return;  // redrawing the same text only costs terminal output
+    g_bar_shown = whole;
+    char cells[kCells + 1];
+    const int filled = whole * kCells / 100;
+    for (int i = 0; i < kCells; ++i) cells[i] = i < filled ? '#' : '.';
+    cells[kCells] = '\0';
+    std::fprintf(stderr, "\rflow [%s] %3d%%", cells, whole);
+    std::fflush(stderr);
+    g_bar_open = true;
+}
+
 void on_error(const char* text) {
     g_error = true;
+    break_bar_line();
     std::fprintf(stderr, "halden: error: %s\n", text ? text : "");
 }
-void on_warning(const char* text) { std::fprintf(stderr, "halden: warning: %s\n", text ? text : ""); }
+void on_warning(const char* text) {
+    break_bar_line();
+    std::fprintf(stderr, "halden: warning: %s\n", text ? text : "");
+}
 void on_info(const char* text) {
-    if (g_verbose) std::fprintf(stderr, "halden: %s\n", text ? text : "");
+    if (!g_verbose) return;
+    break_bar_line();
+    std::fprintf(stderr, "halden: %s\n", text ? text : "");
 }
 
 const halden_callbacks kCallbacks = {nullptr, nullptr, on_info, on_warning, on_error, nullptr, nullptr, nullptr};
+
+// Set by the SIGINT handler; a lock-free atomic is safe to store from one.
+std::atomic<bool> g_interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the SIGINT handler needs a lock-free flag");
+
+extern "C" void on_interrupt(int) { g_interrupted = true; }
+
+// The flow run polls these: a nonzero return asks the library to stop.
+int32_t on_flow_progress(float percent) {
+    if (g_bar_enabled) draw_bar(percent);
+    return g_interrupted ? 1 : 0;
+}
+int32_t on_flow_cancel() { return g_interrupted ? 1 : 0; }
+
+const halden_callbacks kFlowCallbacks = {nullptr, on_flow_progress, on_info, on_warning,
+                                         on_error, nullptr,          nullptr, on_flow_cancel};
+
+// Turns Ctrl-C into a cancel request while it lives, then puts back what was
+// there before (normally the default action, which ends the process).
+class InterruptGuard {
+  public:
+    InterruptGuard() {
+        g_interrupted = false;
+        struct sigaction action {};
+        action.sa_handler = on_interrupt;
+        sigemptyset(&action.sa_mask);
+        // SA_RESETHAND: the first Ctrl-C asks the library to stop at its next
+        // poll, a second one ends the process as usual. SA_RESTART: system
+        // calls in flight carry on rather than fail with EINTR.
+        action.sa_flags = SA_RESETHAND | SA_RESTART;
+        // A shell starts background jobs with SIGINT ignored; they stay immune.
+        if (sigaction(SIGINT, nullptr, &previous_) == 0 && !(previous_.sa_flags & SA_SIGINFO) &&
+            previous_.sa_handler == SIG_IGN)
+            return;
+        installed_ = sigaction(SIGINT, &action, &previous_) == 0;
+    }
+    ~InterruptGuard() {
+        if (installed_) sigaction(SIGINT, &previous_, nullptr);
+    }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+  private:
+    struct sigaction previous_ {};
+    bool installed_ = false;
+};
 
 // --- Helpers --------------------------------------------------------------------
 
@@ -242,18 +368,27 @@ struct DeviceList {
     DeviceList& operator=(const DeviceList&) = delete;
 };
 
-// Reads option `name` as a finite float into `out` when given; with
-// `positive` it must also be above zero. The whole text must be the number,
-// so a typo is a usage error rather than a silently different value.
-bool float_option(const Args& args, const char* name, bool positive, float& out) {
+enum class Range { kAny, kPositive, kNonNegative };
+
+// Reads option `name` as a finite float in `range` into `out` when given. The
+// whole text must be the number, so a typo is a usage error rather than a
+// silently different value.
+bool float_option(const Args& args, const char* name, Range range, float& out) {
     const auto it = args.values.find(name);
     if (it == args.values.end()) return true;
     const std::string& text = it->second;
     float value = 0.0f;
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool in_range = range == Range::kAny        ? true
+                          : range == Range::kPositive ? value > 0.0f
+                                                      : value >= 0.0f;
     if (text.empty() || ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value) ||
-        (positive && !(value > 0.0f))) {
-        fail(kUsage, "%s expects a %s number, got '%s'", name, positive ? "positive finite" : "finite", text.c_str());
+        !in_range) {
+        fail(kUsage, "%s expects a %s number, got '%s'", name,
+             range == Range::kAny        ? "finite"
+             : range == Range::kPositive ? "positive finite"
+                                         : "finite, non-negative",
+             text.c_str());
         return false;
     }
     out = value;
@@ -316,9 +451,34 @@ bool run_median(halden_queue* queue, Grid& grid, uint32_t radius, uint32_t itera
     return !g_error;
 }
 
-// The thermal shaper takes int32 sides and at most 2^31 - 1 cells.
-bool thermal_size_ok(const Grid& grid) {
+// The thermal shaper and the flow simulation take int32 sides and at most
+// 2^31 - 1 cells.
+bool int32_grid_ok(const Grid& grid) {
     return grid.width <= INT32_MAX && grid.height <= INT32_MAX && grid.cells.size() <= size_t{INT32_MAX};
+}
+
+// Reads the mask M of `grid`, read from IN, into `mask`: a raw mask comes in
+// rows of IN's width, a .npy one brings its own shape, which must be IN's.
+// Returns kOk or kIo after a message.
+int read_mask(const std::string& path, const std::string& in, const Grid& grid, Grid& mask) {
+    std::string error;
+    if (!read_grid(path, grid.width, mask, error)) return fail(kIo, "%s", error.c_str());
+    if (mask.width != grid.width || mask.height != grid.height)
+        return fail(kIo, "%s: the mask is %ux%u, but %s is %ux%u", path.c_str(), mask.width, mask.height, in.c_str(),
+                    grid.width, grid.height);
+    return kOk;
+}
+
+// Reads option --mask into `path` (empty when not given); false after a
+// message when it is given empty.
+bool mask_option(const Args& args, std::string& path) {
+    const auto it = args.values.find("--mask");
+    path = it == args.values.end() ? std::string() : it->second;
+    if (it != args.values.end() && path.empty()) {
+        fail(kUsage, "--mask needs a value");
+        return false;
+    }
+    return true;
 }
 
 // Shapes the grid in place (`mask` may be null) and times the call alone.
@@ -333,6 +493,28 @@ uint32_t run_thermal(halden_queue* queue, Grid& grid, const float* mask, halden_
     uint32_t status = ThermalShaper_Process(queue, grid.cells.data(), mask, &parameters, &kCallbacks);
     const auto stop = std::chrono::steady_clock::now();
     timing = timing_between(start, stop, static_cast<double>(grid.cells.size()));
+    if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
+    return status;
+}
+
+// Computes the flow map of `heights` into `map` and times the call alone.
+// `map` is resized to the grid and, when `masked`, must already hold the mask
+// (the library reads it, then overwrites it with the map); otherwise it is
+// zero-filled. Returns the export's status, or the device-error status when it
+// said 0 but the error slot fired.
+uint32_t run_flow(halden_queue* queue, const Grid& heights, Grid& map, bool masked,
+                  halden_flow_parameters parameters, const halden_callbacks* callbacks, Timing& timing) {
+    parameters.width = static_cast<int32_t>(heights.width);
+    parameters.height = static_cast<int32_t>(heights.height);
+    map.width = heights.width;
+    map.height = heights.height;
+    if (!masked) map.cells.assign(heights.cells.size(), 0.0f);
+    g_error = false;
+    const auto start = std::chrono::steady_clock::now();
+    uint32_t status = FlowSimulation(queue, masked ? 0u : HALDEN_FLOW_NO_MASK, heights.cells.data(), map.cells.data(),
+                                     &parameters, callbacks);
+    const auto stop = std::chrono::steady_clock::now();
+    timing = timing_between(start, stop, static_cast<double>(heights.cells.size()));
     if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
     return status;
 }
@@ -469,32 +651,27 @@ int cmd_thermal(int argc, char** argv) {
         return fail(kUsage, "thermal-shape needs IN and OUT (see halden thermal-shape --help)");
     uint32_t size = 0;
     float amount = -0.5f, strength = 1.0f, height_scale = 1.0f, extent = 0.0f, level_factor = 0.125f;
-    if (!number_option(args, "--size", 1, UINT32_MAX, size) || !float_option(args, "--amount", false, amount) ||
-        !float_option(args, "--strength", false, strength) ||
-        !float_option(args, "--height-scale", true, height_scale) || !float_option(args, "--extent", true, extent) ||
-        !float_option(args, "--level-factor", true, level_factor))
+    if (!number_option(args, "--size", 1, UINT32_MAX, size) || !float_option(args, "--amount", Range::kAny, amount) ||
+        !float_option(args, "--strength", Range::kAny, strength) ||
+        !float_option(args, "--height-scale", Range::kPositive, height_scale) ||
+        !float_option(args, "--extent", Range::kPositive, extent) ||
+        !float_option(args, "--level-factor", Range::kPositive, level_factor))
         return kUsage;
     const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
     if (device.empty()) return fail(kUsage, "--device needs a value");
-    const auto mask_path = args.values.count("--mask") ? args.values.at("--mask") : std::string();
-    if (args.values.count("--mask") && mask_path.empty()) return fail(kUsage, "--mask needs a value");
+    std::string mask_path;
+    if (!mask_option(args, mask_path)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 
     Grid grid;
     if (const int code = read_input(in, size, grid); code != kOk) return code;
-    if (!thermal_size_ok(grid))
+    if (!int32_grid_ok(grid))
         return fail(kIo, "%s: the thermal shaper takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(),
                     grid.width, grid.height);
     Grid mask;
-    if (!mask_path.empty()) {
-        // A raw mask comes in rows of IN's width; a .npy one brings its own shape.
-        std::string error;
-        if (!read_grid(mask_path, grid.width, mask, error)) return fail(kIo, "%s", error.c_str());
-        if (mask.width != grid.width || mask.height != grid.height)
-            return fail(kIo, "%s: the mask is %ux%u, but %s is %ux%u", mask_path.c_str(), mask.width, mask.height,
-                        in.c_str(), grid.width, grid.height);
-    }
+    if (!mask_path.empty())
+        if (const int code = read_mask(mask_path, in, grid, mask); code != kOk) return code;
     if (!args.values.count("--extent")) extent = static_cast<float>(grid.width);
 
     halden_queue* queue = nullptr;
@@ -525,6 +702,78 @@ int cmd_thermal(int argc, char** argv) {
     return kOk;
 }
 
+int cmd_flow(int argc, char** argv) {
+    Args args;
+    if (parse_args(argc, argv, {"--mask", "--length", "--accumulation", "--seed", "--device", "--size"},
+                   {"--quiet", "--json", "--no-progress"}, args) != kOk)
+        return kUsage;
+    if (args.positional.size() != 2) return fail(kUsage, "flow needs IN and OUT (see halden flow --help)");
+    uint32_t size = 0, seed = 1;
+    float length = 0.5f, accumulation = 1.0f;
+    if (!number_option(args, "--size", 1, UINT32_MAX, size) ||
+        !float_option(args, "--length", Range::kNonNegative, length) ||
+        !float_option(args, "--accumulation", Range::kAny, accumulation) ||
+        !number_option(args, "--seed", 0, UINT32_MAX, seed))
+        return kUsage;
+    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
+    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string mask_path;
+    if (!mask_option(args, mask_path)) return kUsage;
+    const bool quiet = args.switches.count("--quiet") != 0, json = args.switches.count("--json") != 0;
+    const std::string& in = args.positional[0];
+    const std::string& out = args.positional[1];
+
+    Grid heights;
+    if (const int code = read_input(in, size, heights); code != kOk) return code;
+    if (!int32_grid_ok(heights))
+        return fail(kIo, "%s: the flow simulation takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(),
+                    heights.width, heights.height);
+    Grid map;  // the mask, when given, which the run then overwrites with the map
+    if (!mask_path.empty())
+        if (const int code = read_mask(mask_path, in, heights, map); code != kOk) return code;
+
+    halden_queue* queue = nullptr;
+    std::string key;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
+    const halden_flow_parameters parameters = {0, 0, length, accumulation, seed};
+    Timing timing{};
+    uint32_t status = HALDEN_STATUS_OK;
+    bool interrupted = false;
+    {
+        const InterruptGuard guard;
+        g_bar_enabled = !quiet && !json && !args.switches.count("--no-progress") && isatty(STDERR_FILENO);
+        if (g_bar_enabled) draw_bar(0.0f);  // the first report comes only after the pits are filled
+        status = run_flow(queue, heights, map, !mask_path.empty(), parameters, &kFlowCallbacks, timing);
+        DestroySyclQueue(queue);
+        if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+        interrupted = g_interrupted;
+        if (g_bar_enabled && status == HALDEN_STATUS_OK && !interrupted) draw_bar(100.0f);
+        break_bar_line();
+        g_bar_enabled = false;
+    }
+    // A Ctrl-C that came too late to stop the run still means: keep OUT as it is.
+    if (interrupted) return fail(kDevice, "cancelled; %s not written", out.c_str());
+    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
+        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(),
+                    heights.width, heights.height, out.c_str());
+    if (status != HALDEN_STATUS_OK)
+        return fail(kDevice, "the flow simulation failed on %s; %s not written", key.c_str(), out.c_str());
+    std::string error;
+    if (!write_grid(out, map, error)) return fail(kIo, "%s", error.c_str());
+
+    if (quiet) return kOk;
+    if (json) {
+        std::printf("{\"operation\": \"flow\", \"device\": %s, \"width\": %u, \"height\": %u, "
+                    "\"milliseconds\": %.3f}\n",
+                    json_string(key).c_str(), heights.width, heights.height, timing.milliseconds);
+    } else {
+        std::printf("flow %ux%u, length %g, accumulation %g, seed %u on %s: %.3f ms, %.1f Mcells/s\n", heights.width,
+                    heights.height, length, accumulation, seed, key.c_str(), timing.milliseconds,
+                    timing.mcells_per_second);
+    }
+    return kOk;
+}
+
 int cmd_demo(int argc, char** argv) {
     Args args;
     if (parse_args(argc, argv, {"--size", "--out"}, {}, args) != kOk) return kUsage;
@@ -542,6 +791,7 @@ int cmd_demo(int argc, char** argv) {
     // cliffs and level most of it.
     constexpr float kExtentMetres = 10000.0f;
     const halden_thermal_shaper_parameters thermal = {0, 0, 1.0f, kExtentMetres, 0.125f, 1.0f, -0.5f, 0};
+    const halden_flow_parameters flow = {0, 0, 0.5f, 1.0f, 1};
 
     const Grid terrain = make_terrain(size);
     std::string error;
@@ -563,9 +813,14 @@ int cmd_demo(int argc, char** argv) {
     const Sweep shaped = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
         return run_thermal(queue, grid, nullptr, thermal, timing);
     });
+    std::printf("flow simulation, length %g, accumulation %g, seed %u\n", flow.length, flow.accumulation, flow.seed);
+    const Sweep flowed = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
+        return run_flow(queue, terrain, grid, false, flow, &kCallbacks, timing);
+    });
 
     if (!dir.empty()) {
-        const std::pair<const char*, const Sweep*> outputs[] = {{"median.npy", &median}, {"thermal.npy", &shaped}};
+        const std::pair<const char*, const Sweep*> outputs[] = {
+            {"median.npy", &median}, {"thermal.npy", &shaped}, {"flow.npy", &flowed}};
         std::vector<std::string> names = {dir + "/terrain.npy"};
         for (const auto& [name, sweep] : outputs) {
             if (sweep->results.empty()) continue;  // the first successful device's result
@@ -577,8 +832,8 @@ int cmd_demo(int argc, char** argv) {
             std::printf("%s %s", i == 0 ? "" : i + 1 < names.size() ? "," : " and", names[i].c_str());
         std::printf("\n");
     }
-    if (median.failed || shaped.failed) return kDevice;
-    return median.agree && shaped.agree ? kOk : kDisagree;
+    if (median.failed || shaped.failed || flowed.failed) return kDevice;
+    return median.agree && shaped.agree && flowed.agree ? kOk : kDisagree;
 }
 
 }  // namespace
@@ -593,6 +848,7 @@ int main(int argc, char** argv) {
         {"devices", cmd_devices, kDevicesUsage},
         {"median", cmd_median, kMedianUsage},
         {"thermal-shape", cmd_thermal, kThermalUsage},
+        {"flow", cmd_flow, kFlowUsage},
         {"demo", cmd_demo, kDemoUsage}};
 
     if (argc < 2) {
