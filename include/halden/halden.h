@@ -355,6 +355,108 @@ HALDEN_API uint32_t FlowSimulation(halden_queue* queue, uint64_t no_mask, const 
                                    const halden_flow_parameters* parameters,
                                    const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Shading.                                                                   */
+/*
+ * width, height          grid size in cells. Shadows and traced sky
+ *                        visibility take the grid as square (width used for
+ *                        both axes); a non-square grid with either enabled
+ *                        is rejected.
+ * terrain_size           world width of the grid (cell size = terrain_size /
+ *                        width), > 0
+ * height_scale           world height of one height unit, > 0
+ * sun_direction          unit vector towards the sun: x along columns, y along
+ *                        rows, z up (used as given by the diffuse term)
+ * shadow_samples         sun-disc sampling: n >= 0 rings (3n^2 + 3n + 1
+ *                        samples; 0 is the centre alone), -4 or -8 fixed
+ *                        sub-cell patterns on the sun direction, other
+ *                        negative -n: n samples on the sun direction. More
+ *                        samples give softer, smoother shadow edges.
+ * sun_size               apparent sun diameter in degrees (0: a point sun,
+ *                        hard shadows); about 0.53 for the real sun
+ * ao_mode                0 traces sky visibility; otherwise the faster
+ *                        hybrid estimate is used
+ * ao_directions          sky directions traced when ao_mode is 0
+ * hybrid_ao_directions   sky directions of the hybrid estimate
+ * light_scale            common factor of sun and sky light
+ * sun_strength, sky_strength   factors of the sun and sky light
+ * sun_color, sky_color   RGB
+ * exposure               final factor of the colour when no albedo is given
+ * sun_enabled            direct light on (diffuse and shadow are written)
+ * sky_enabled            sky light on
+ * shadows_enabled        trace sun shadows (else shadow counts as 1)
+ * ao_enabled             use sky visibility (else it counts as 1)
+ * ao_from_caller         use the caller's ao grid as given, trace nothing
+ * reserved...            carried, not read
+ *
+ * Defaults worth starting from: sun_direction normalise(1, 1, 1),
+ * shadow_samples 1, sun_size 0.53, ao_mode 0, ao_directions 32,
+ * hybrid_ao_directions 32, light_scale 1, sun_strength 1, sky_strength 0.4,
+ * sun_color (1, 0.95, 0.85), sky_color (0.6, 0.7, 1), exposure 1, every
+ * switch on but ao_from_caller.
+ */
+typedef struct halden_lighting_parameters {
+    int32_t width;
+    int32_t height;
+    float terrain_size;
+    float height_scale;
+    float sun_direction[3];
+    int32_t shadow_samples;
+    float sun_size;
+    int32_t ao_mode;
+    int32_t ao_directions;
+    int32_t hybrid_ao_directions;
+    uint32_t reserved48;
+    float light_scale;
+    float sun_strength;
+    float sky_strength;
+    float sun_color[3];
+    float sky_color[3];
+    float exposure;
+    uint8_t reserved92[20];
+    uint8_t sun_enabled;
+    uint8_t sky_enabled;
+    uint8_t shadows_enabled;
+    uint8_t ao_enabled;
+    uint8_t ao_from_caller;
+    uint8_t padding[3];
+} halden_lighting_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_lighting_parameters) == 120, "lighting record is 120 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, shadow_samples) == 28, "shadow_samples at 28");
+HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, light_scale) == 52, "light_scale at 52");
+HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, sky_color) == 76, "sky_color at 76");
+HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, exposure) == 88, "exposure at 88");
+HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, sun_enabled) == 112, "switches at 112");
+HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, ao_from_caller) == 116, "ao_from_caller at 116");
+
+/*
+ * Lights the width x height row-major grid `heights` (only read). Writes,
+ * per cell: `diffuse` (max(0, n . sun_direction)) and `shadow` (sun
+ * visibility, 0 to 1) when the sun is on, `ao` (sky visibility) when sky
+ * visibility is computed, and the colour `out_r`, `out_g`, `out_b`:
+ * (sun colour x diffuse x shadow + sky colour x ao) times the albedo when all
+ * three albedo grids are given, else times exposure. Output pointers may be
+ * null (that output is not returned); outputs a switch turns off keep their
+ * contents; with ao_from_caller `ao` is an input. Needs about 72 bytes per
+ * cell of device memory.
+ *
+ * Sky directions (traced and hybrid) are the upper-hemisphere vertices of a
+ * subdivided icosahedron, coarser ones first: 4, 17, 73, 305, 1249 and 5057
+ * of them after 0 to 5 subdivisions; the first ao_directions are used. The
+ * hybrid path sweeps the sky over a half-size grid and carries the mean open
+ * direction to each cell: about a quarter of the traced path's work.
+ *
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for a null
+ * queue, heights or record, an invalid record (including a non-square grid
+ * with shadows or sky visibility on), a cancel (slot 7, asked before the
+ * colour is composed; nothing is written then) or a device error.
+ */
+HALDEN_API uint32_t Shade(halden_queue* queue, const float* heights, float* diffuse, float* shadow, float* ao,
+                          float* out_r, float* out_g, float* out_b, const float* albedo_r, const float* albedo_g,
+                          const float* albedo_b, const halden_lighting_parameters* parameters,
+                          const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -375,6 +477,10 @@ using Parameters = ::halden_thermal_shaper_parameters;
 namespace flow {
 using Parameters = ::halden_flow_parameters;
 }  // namespace flow
+
+namespace lighting {
+using Parameters = ::halden_lighting_parameters;
+}  // namespace lighting
 #endif
 
 #endif /* HALDEN_HALDEN_H */
