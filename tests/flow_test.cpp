@@ -150,9 +150,11 @@ TEST(FlowPlan, RecordChecks) {
 
 class FlowKernels : public halden::test::BackendTest {
 protected:
-    // A Flow object over a small dummy grid, whose kernels the tests call.
-    std::vector<float> dummy = std::vector<float>(4, 0.0f), dummy_map = std::vector<float>(4, 0.0f);
+    // A Flow object over dummy grids of the record's size, whose kernels the tests call.
+    std::vector<float> dummy, dummy_map;
     std::unique_ptr<flow::Flow> make(const flow::Parameters& p) {
+        dummy.assign(std::size_t(p.width) * p.height, 0.0f);
+        dummy_map = dummy;
         return std::make_unique<flow::Flow>(*q, p, HALDEN_FLOW_NO_MASK, dummy.data(), dummy_map.data());
     }
 };
