@@ -7,7 +7,8 @@
 #
 # Exit codes checked: 1 for usage errors, 2 for unreadable files and grids of
 # the wrong shape (a mask whose size differs from IN's included, as it is a
-# bad size like any other), 3 for device and library failures.
+# bad size like any other, and a non-square grid to shade with shadows or sky
+# visibility), 3 for device and library failures.
 set -u
 # Absolute, as the checks run inside WORKDIR.
 halden=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
@@ -68,6 +69,9 @@ check "demo wrote thermal.npy" test -s demo/thermal.npy
 check "demo wrote flow.npy" test -s demo/flow.npy
 check "demo reports the thermal shaper" grep -q '^thermal shaper' out.txt
 check "demo reports the flow simulation" grep -q '^flow simulation, length 0.5, accumulation 1, seed 1$' out.txt
+check "demo wrote shaded.png" test -s demo/shaded.png
+check "demo reports the shading" \
+    grep -q '^shading, sun 225/35, 7 sun samples, 32 sky directions (traced), 10000 m wide (heights in m)$' out.txt
 cells=$((64 * 64))
 # The demo's .npy header is padded to a multiple of 64 bytes; the data follows.
 tail -c $((cells * 4)) demo/terrain.npy >terrain.raw
@@ -289,16 +293,135 @@ else
     echo "skip: Ctrl-C cancels flow (no /proc)"
 fi
 
+# --- shade -------------------------------------------------------------------------
+# is_png FILE: the file starts with the PNG signature.
+is_png() { cmp -s <(head -c 8 "$1") <(printf '\211PNG\r\n\032\n'); }
+# png_size FILE WIDTH HEIGHT: with python3, the chunks' CRCs hold, IHDR gives
+# the size and 8-bit RGB, and the zlib stream (its Adler-32 checked by the
+# decompression) holds a filter byte and the pixels of every row.
+if command -v python3 >/dev/null; then
+    cat >png_check.py <<'EOF'
+import struct, sys, zlib
+data = open(sys.argv[1], "rb").read()
+width, height = int(sys.argv[2]), int(sys.argv[3])
+assert data[:8] == b"\x89PNG\r\n\x1a\n"
+at, chunks, idat = 8, [], b""
+while at < len(data):
+    (size,) = struct.unpack(">I", data[at:at + 4])
+    kind, body = data[at + 4:at + 8], data[at + 8:at + 8 + size]
+    assert struct.unpack(">I", data[at + 8 + size:at + 12 + size])[0] == zlib.crc32(kind + body), kind
+    chunks.append(kind)
+    if kind == b"IHDR":
+        assert struct.unpack(">IIBBBBB", body) == (width, height, 8, 2, 0, 0, 0), body
+    if kind == b"IDAT":
+        idat += body
+    at += 12 + size
+assert chunks[0] == b"IHDR" and chunks[-1] == b"IEND", chunks
+pixels = zlib.decompress(idat)
+assert len(pixels) == height * (1 + 3 * width), len(pixels)
+assert all(pixels[row * (1 + 3 * width)] == 0 for row in range(height))
+EOF
+    png_size() { python3 png_check.py "$@"; }
+else
+    png_size() { echo "skip: decoding $1 (no python3)"; }
+fi
+
+expect 0 "shade, defaults" "$halden" shade demo/terrain.npy shaded.png
+check "shade prints size and lighting" \
+    grep -q '^shade 64x64, sun 225/35, 7 sun samples, 32 sky directions (traced) on .*: .* ms, .* Mcells/s$' out.txt
+check "shade wrote a PNG" is_png shaded.png
+check "the PNG is 64x64 and decodes" png_size shaded.png 64 64
+expect 0 "shade as the demo does" "$halden" shade demo/terrain.npy demo-like.png --terrain-size 10000
+check "shade matches the demo's picture" cmp demo-like.png demo/shaded.png
+expect 0 "shade --hybrid-ao" "$halden" shade demo/terrain.npy hybrid.png --hybrid-ao --ao 17
+check "shade --hybrid-ao says so" \
+    grep -q '^shade 64x64, sun 225/35, 7 sun samples, 17 sky directions (hybrid) on ' out.txt
+check "the hybrid picture decodes" png_size hybrid.png 64 64
+check "the hybrid sky differs from the traced one" eval '! cmp -s hybrid.png shaded.png'
+expect 0 "shade --no-shadows --no-ao" "$halden" shade demo/terrain.npy plain.png --no-shadows --no-ao
+check "shade --no-shadows --no-ao says so" \
+    grep -q '^shade 64x64, sun 225/35, no shadows, no sky visibility on ' out.txt
+check "the unshadowed picture decodes" png_size plain.png 64 64
+expect 0 "shade, every option" "$halden" shade demo/terrain.npy all.png --sun-azimuth=-45.5 --sun-elevation 60 \
+    --shadows 0 --sun-size 0 --ao 4 --terrain-size 1e4 --height-scale 2 --exposure 0.5 --device cpu --size 64
+check "shade echoes the options" \
+    grep -q '^shade 64x64, sun -45.5/60, 1 sun sample, 4 sky directions (traced) on ' out.txt
+expect 0 "shade --json" "$halden" shade demo/terrain.npy json.png --json
+check "shade --json fields" \
+    grep -q '^{"operation": "shade", "device": ".*", "width": 64, "height": 64, "milliseconds": ' out.txt
+expect 0 "shade --quiet" "$halden" shade demo/terrain.npy quiet.png --quiet
+check "shade --quiet prints nothing" test ! -s out.txt
+check "shade is deterministic" cmp quiet.png shaded.png
+
+# The lighting's grids, .npy or raw like other outputs.
+expect 0 "shade --diffuse --shadow --ao-out" "$halden" shade demo/terrain.npy grids.png --diffuse diffuse.npy \
+    --shadow shadow.raw --ao-out=ao.npy
+check "the extra grids leave the picture alone" cmp grids.png shaded.png
+check "shade wrote the .npy diffuse grid" test "$(bytes diffuse.npy)" = "$(bytes demo/terrain.npy)"
+check "shade wrote the raw shadow grid" test "$(bytes shadow.raw)" = $((cells * 4))
+check "shade wrote the .npy ao grid" test "$(bytes ao.npy)" = "$(bytes demo/terrain.npy)"
+if command -v python3 >/dev/null; then
+    check "diffuse and shadow lie in [0, 1], the sky visibility is not negative" \
+        python3 - diffuse.npy shadow.raw ao.npy <<'EOF'
+import array, sys
+def load(path, npy):
+    data = open(path, "rb").read()
+    values = array.array("f")
+    values.frombytes(data[10 + (data[8] | data[9] << 8):] if npy else data)
+    return values
+diffuse, shadow, ao = load(sys.argv[1], True), load(sys.argv[2], False), load(sys.argv[3], True)
+ok = all(len(g) == 64 * 64 for g in (diffuse, shadow, ao))
+ok = ok and all(0 <= v <= 1 for g in (diffuse, shadow) for v in g) and all(v >= 0 for v in ao) and max(ao) > 0
+sys.exit(0 if ok else 1)
+EOF
+else
+    echo "skip: the lighting grids' values (no python3)"
+fi
+
+# Shadows and sky visibility need a square grid; without them any shape goes.
+expect 2 "shade of a 128x32 grid" "$halden" shade terrain.raw wide.png --size 128
+check "shade names the shape" grep -q 'need a square grid, this one is 128x32' err.txt
+expect 2 "shade of a 128x32 grid with sky visibility" "$halden" shade terrain.raw wide.png --size 128 --no-shadows
+check "nothing written for a non-square grid" test ! -e wide.png
+expect 0 "shade of a 128x32 grid, --no-shadows --no-ao" \
+    "$halden" shade terrain.raw wide.png --size 128 --no-shadows --no-ao --diffuse wide-diffuse.raw
+check "shade reports 128x32" grep -q '^shade 128x32,' out.txt
+check "the 128x32 picture decodes" png_size wide.png 128 32
+check "the 128x32 diffuse grid has the raw size" test "$(bytes wide-diffuse.raw)" = $((cells * 4))
+
+# Usage errors.
+expect 1 "shade into a file not named .png" "$halden" shade demo/terrain.npy picture.npy
+check "shade names the .png rule" grep -q 'OUT must be a .png file' err.txt
+for bad in "--sun-azimuth abc" "--sun-azimuth nan" "--sun-azimuth=" "--sun-elevation 91" "--sun-elevation -1" \
+    "--sun-elevation 1x" "--shadows 65" "--shadows -1" "--shadows 1.5" "--sun-size 180" "--sun-size -1" "--ao 0" \
+    "--ao 4097" "--terrain-size 0" "--height-scale -1" "--exposure 0" "--exposure inf" "--size 0" "--diffuse=" \
+    "--no-shadows --shadow s.npy" "--no-ao --ao-out a.npy" "--device=" "--frobnicate"; do
+    # shellcheck disable=SC2086  # each entry is an option and its value
+    expect 1 "shade $bad" "$halden" shade demo/terrain.npy out.png $bad
+done
+expect 1 "shade without OUT" "$halden" shade demo/terrain.npy
+check "shade usage errors wrote nothing" test ! -e out.png -a ! -e picture.npy -a ! -e s.npy -a ! -e a.npy
+
+# Input and device failures.
+expect 2 "shade of a missing file" "$halden" shade no-such-file.npy out.png
+expect 2 "shade into a missing directory" "$halden" shade demo/terrain.npy no-such-dir/out.png
+expect 3 "shade on an unknown device" "$halden" shade demo/terrain.npy out.png --device no-such-device
+check "shade failures wrote nothing" test ! -e out.png
+
 # --- help ------------------------------------------------------------------------
 expect 0 "thermal-shape --help" "$halden" thermal-shape --help
 check "thermal-shape --help shows the usage" grep -q '^usage: halden thermal-shape IN OUT' out.txt
 expect 0 "flow --help" "$halden" flow --help
 check "flow --help shows the usage" grep -q '^usage: halden flow IN OUT' out.txt
+expect 0 "shade --help" "$halden" shade --help
+check "shade --help shows the usage" grep -q '^usage: halden shade IN OUT.png' out.txt
 expect 0 "demo --help" "$halden" demo --help
 check "demo --help names flow.npy" grep -q 'DIR/flow.npy' out.txt
-expect 0 "halden --help lists thermal-shape and flow" "$halden" --help
+check "demo --help names shaded.png" grep -q 'DIR/shaded.png' out.txt
+expect 0 "halden --help lists thermal-shape, flow and shade" "$halden" --help
 check "the command list names thermal-shape" grep -q '^  thermal-shape ' out.txt
 check "the command list names flow" grep -q '^  flow ' out.txt
+check "the command list names shade" grep -q '^  shade ' out.txt
 expect 1 "an unknown command" "$halden" no-such-command
 
 if [ "$failures" -ne 0 ]; then

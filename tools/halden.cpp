@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // halden: lists devices, median-filters and thermally shapes grid files,
-// computes flow maps and runs a cross-device demo, all through the public C
-// interface.
+// computes flow maps, shades height grids into pictures and runs a
+// cross-device demo, all through the public C interface.
 //
 // Messages go through C stdio only: creating a queue points std::cerr at the
 // null device.
@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include "grid_io.hpp"
+#include "png.hpp"
 #include "terrain.hpp"
 
 namespace {
@@ -40,6 +41,7 @@ const char kUsageText[] =
     "  median         median-filter a square float32 grid (.npy or raw)\n"
     "  thermal-shape  wear down the ridges (or fill the valleys) of a float32 height grid\n"
     "  flow           map where water runs on a float32 height grid\n"
+    "  shade          light a float32 height grid with sun and sky and write a PNG picture\n"
     "  demo           process a generated terrain on every device and compare the results\n"
     "\n"
     "options of every command:\n"
@@ -48,7 +50,8 @@ const char kUsageText[] =
     "\n"
     "exit codes:\n"
     "  0  success\n"
-    "  1  usage error (unknown command or option, bad option value)\n"
+    "  1  usage error (unknown command or option, bad option value, an OUT of the wrong\n"
+    "     kind)\n"
     "  2  input/output error (unreadable or unwritable file, bad size, unknown format,\n"
     "     a grid of the wrong shape for the command)\n"
     "  3  device or operation error (no matching device, an error reported by the library,\n"
@@ -59,8 +62,8 @@ const char kDevicesUsage[] =
     "usage: halden devices [--json]\n"
     "\n"
     "Lists the usable devices: index, name and key. A key selects its device in\n"
-    "'halden median', 'halden thermal-shape' and 'halden flow' (--device KEY); the\n"
-    "key \"cpu\" always selects the host device.\n"
+    "'halden median', 'halden thermal-shape', 'halden flow' and 'halden shade'\n"
+    "(--device KEY); the key \"cpu\" always selects the host device.\n"
     "\n"
     "  --json  print a JSON array of {\"name\", \"key\", \"backend\", \"type\"}\n";
 
@@ -162,19 +165,78 @@ const char kFlowUsage[] =
     "Ctrl-C stops at once). Numbers must be finite and in plain decimal or exponent\n"
     "form. Exit codes: see 'halden --help'; not enough device memory exits 3.\n";
 
+const char kShadeUsage[] =
+    "usage: halden shade IN OUT.png [--sun-azimuth DEG] [--sun-elevation DEG] [--shadows N]\n"
+    "                               [--sun-size DEG] [--ao N] [--hybrid-ao] [--no-shadows]\n"
+    "                               [--no-ao] [--terrain-size S] [--height-scale H]\n"
+    "                               [--exposure E] [--diffuse D] [--shadow S] [--ao-out A]\n"
+    "                               [--device KEY] [--size W] [--quiet] [--json]\n"
+    "\n"
+    "Lights the float32 height grid in IN with sun and sky on one device and writes\n"
+    "the picture to OUT.png, an 8-bit sRGB PNG whose top row is the grid's first row.\n"
+    "A cell's colour is (sun colour x the cosine of the sun on its slope x the share\n"
+    "of the sun's disc not hidden by terrain + 0.4 x sky colour x its sky visibility)\n"
+    "x exposure, with a sun colour of (1, 0.95, 0.85) and a sky colour of (0.6, 0.7,\n"
+    "1). IN is a .npy file ('<f4' or '<f8', 2-D of shape (height, width), C order) or\n"
+    "raw little-endian float32 rows. Shadows and sky visibility need a square grid:\n"
+    "another shape exits 2 unless both are off. An existing output file is replaced\n"
+    "only once its new content is complete.\n"
+    "\n"
+    "  --sun-azimuth DEG    direction of the sun in degrees from the grid's +x axis\n"
+    "                       (along a row: rightwards in the picture) towards +y (down\n"
+    "                       the rows), finite (default 225: the upper left, as maps are lit)\n"
+    "  --sun-elevation DEG  height of the sun above the horizon, 0 to 90 (default 35)\n"
+    "  --shadows N          rings of shadow samples across the sun's disc, 0 to 64,\n"
+    "                       giving 3N^2 + 3N + 1 samples (default 1: 7 samples); more\n"
+    "                       give smoother shadow edges\n"
+    "  --sun-size DEG       apparent diameter of the sun, at least 0 and below 180\n"
+    "                       (default 0.53; 0 gives hard shadows)\n"
+    "  --ao N               sky directions for sky visibility, 1 to 4096 (default 32)\n"
+    "  --hybrid-ao          estimate sky visibility over a half-size grid instead of\n"
+    "                       tracing it from every cell: about a quarter of the work\n"
+    "  --no-shadows         no sun shadows: every cell gets the sun its slope faces\n"
+    "  --no-ao              no sky visibility: every cell sees the whole sky\n"
+    "  --terrain-size S     world width of the whole grid, > 0 (default: the width in\n"
+    "                       cells, so one cell is one height unit wide)\n"
+    "  --height-scale H     world height of one height unit, > 0 (default 1)\n"
+    "  --exposure E         factor of the colour before it is clipped to the picture's\n"
+    "                       range, > 0 (default 0.6, which keeps sunlit ground below\n"
+    "                       white)\n"
+    "  --diffuse D          also write the cosine of the sun on each cell, 0 to 1\n"
+    "  --shadow S           also write the sun's visibility, 0 (hidden) to 1 (not\n"
+    "                       with --no-shadows)\n"
+    "  --ao-out A           also write the sky visibility: 4 x the mean cosine of the\n"
+    "                       open sky directions, about 2 on open flat ground (not with\n"
+    "                       --no-ao)\n"
+    "                       D, S and A are written as .npy ('<f4') when their names\n"
+    "                       end in .npy, as raw float32 otherwise\n"
+    "  --device KEY         cpu (the host device, default), gpu (the first CUDA device)\n"
+    "                       or a key listed by 'halden devices'\n"
+    "  --size W             width of a raw IN, whose height is then its value count / W;\n"
+    "                       without it IN must hold a square number of floats. A .npy IN\n"
+    "                       brings its own shape, which W must then match\n"
+    "  --quiet              print nothing on success\n"
+    "  --json               print {\"operation\", \"device\", \"width\", \"height\",\n"
+    "                       \"milliseconds\"} instead\n"
+    "\n"
+    "OUT must end in .png. Numbers must be finite and in plain decimal or exponent\n"
+    "form. Exit codes: see 'halden --help'; not enough device memory exits 3.\n";
+
 const char kDemoUsage[] =
     "usage: halden demo [--size N] [--out DIR]\n"
     "\n"
     "Generates a fractal terrain of N x N cells with spikes and pits, heights 0 to\n"
     "1000 m, and on every listed device median-filters it (radius 3, 2 iterations)\n"
     "and, separately, shapes it with the thermal shaper (amount -0.5, strength 1,\n"
-    "read as a map 10 km wide) and computes its flow map (length 0.5, accumulation 1,\n"
-    "seed 1). Prints the times and checks for each operation that all results agree\n"
-    "bit for bit with the first device's.\n"
+    "read as a map 10 km wide), computes its flow map (length 0.5, accumulation 1,\n"
+    "seed 1) and shades it ('halden shade' defaults, 10 km wide, heights in metres).\n"
+    "Prints the times and checks for each operation that all results agree bit for\n"
+    "bit with the first device's.\n"
     "\n"
     "  --size N   side of the terrain (default 1024)\n"
-    "  --out DIR  write DIR/terrain.npy, DIR/median.npy, DIR/thermal.npy and\n"
-    "             DIR/flow.npy (the results of the first device that succeeded)\n"
+    "  --out DIR  write DIR/terrain.npy, DIR/median.npy, DIR/thermal.npy,\n"
+    "             DIR/flow.npy and DIR/shaded.png (the results of the first device\n"
+    "             that succeeded)\n"
     "\n"
     "Exits 0, 3 when a device failed, or else 4 when the results differ.\n";
 
@@ -519,6 +581,113 @@ uint32_t run_flow(halden_queue* queue, const Grid& heights, Grid& map, bool mask
     return status;
 }
 
+// What 'halden shade' lights with unless told otherwise.
+struct Lighting {
+    float azimuth = 225.0f;   // degrees from +x towards +y: light from the upper left
+    float elevation = 35.0f;  // degrees above the horizon
+    uint32_t rings = 1;       // shadow sample rings across the sun's disc
+    float sun_size = 0.53f;   // degrees
+    uint32_t sky_directions = 32;
+    bool hybrid = false;
+    bool shadows = true;
+    bool sky_visibility = true;
+    // The sky term is 0.4 x the sky visibility, which is 4 x the mean cosine
+    // of the open sky (about 2.15 on open flat ground), so sunlit ground comes
+    // to about 1.35 in blue and would mostly clip at exposure 1. At 0.6 no
+    // cell of the demo terrain clips (its brightest reach 0.82), and even flat
+    // ground under an overhead sun, the brightest case, stays at about 1.
+    float exposure = 0.6f;
+};
+
+halden_lighting_parameters lighting_record(const Lighting& l, const Grid& heights, float terrain_size,
+                                           float height_scale) {
+    halden_lighting_parameters p{};
+    p.width = static_cast<int32_t>(heights.width);
+    p.height = static_cast<int32_t>(heights.height);
+    p.terrain_size = terrain_size;
+    p.height_scale = height_scale;
+    constexpr double kRadians = 3.14159265358979323846 / 180.0;
+    const double az = l.azimuth * kRadians, el = l.elevation * kRadians;
+    p.sun_direction[0] = static_cast<float>(std::cos(el) * std::cos(az));
+    p.sun_direction[1] = static_cast<float>(std::cos(el) * std::sin(az));
+    p.sun_direction[2] = static_cast<float>(std::sin(el));
+    p.shadow_samples = static_cast<int32_t>(l.rings);
+    p.sun_size = l.sun_size;
+    p.ao_mode = l.hybrid ? 1 : 0;
+    p.ao_directions = p.hybrid_ao_directions = static_cast<int32_t>(l.sky_directions);
+    p.light_scale = 1.0f;
+    p.sun_strength = 1.0f;
+    p.sky_strength = 0.4f;
+    const float sun_color[3] = {1.0f, 0.95f, 0.85f}, sky_color[3] = {0.6f, 0.7f, 1.0f};
+    std::memcpy(p.sun_color, sun_color, sizeof sun_color);
+    std::memcpy(p.sky_color, sky_color, sizeof sky_color);
+    p.exposure = l.exposure;
+    p.sun_enabled = 1;
+    p.sky_enabled = 1;
+    p.shadows_enabled = l.shadows ? 1 : 0;
+    p.ao_enabled = l.sky_visibility ? 1 : 0;
+    p.ao_from_caller = 0;
+    return p;
+}
+
+// "sun 225/35, 7 sun samples, 32 sky directions (traced)"
+std::string describe_lighting(const Lighting& l) {
+    char text[160];
+    const uint32_t samples = 3 * l.rings * l.rings + 3 * l.rings + 1;
+    char shadows[48] = "no shadows", sky[64] = "no sky visibility";
+    if (l.shadows) std::snprintf(shadows, sizeof shadows, "%u sun sample%s", samples, samples == 1 ? "" : "s");
+    if (l.sky_visibility)
+        std::snprintf(sky, sizeof sky, "%u sky direction%s (%s)", l.sky_directions, l.sky_directions == 1 ? "" : "s",
+                      l.hybrid ? "hybrid" : "traced");
+    std::snprintf(text, sizeof text, "sun %g/%g, %s, %s", l.azimuth, l.elevation, shadows, sky);
+    return text;
+}
+
+// Where Shade writes; a null plane is not returned.
+struct ShadePlanes {
+    float* diffuse = nullptr;
+    float* shadow = nullptr;
+    float* ao = nullptr;
+    float* r = nullptr;
+    float* g = nullptr;
+    float* b = nullptr;
+};
+
+// Shades `heights` and times the call alone. Returns the export's status, or
+// the device-error status when it said 0 but the error slot fired.
+uint32_t run_shade(halden_queue* queue, const Grid& heights, const halden_lighting_parameters& parameters,
+                   const ShadePlanes& out, Timing& timing) {
+    g_error = false;
+    const auto start = std::chrono::steady_clock::now();
+    uint32_t status = Shade(queue, heights.cells.data(), out.diffuse, out.shadow, out.ao, out.r, out.g, out.b, nullptr,
+                            nullptr, nullptr, &parameters, &kCallbacks);
+    const auto stop = std::chrono::steady_clock::now();
+    timing = timing_between(start, stop, static_cast<double>(heights.cells.size()));
+    if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
+    return status;
+}
+
+// Linear colour to 8-bit sRGB: clamped to [0, 1] (NaN as 0), the sRGB
+// transfer curve, rounded to nearest.
+uint8_t srgb8(float linear) {
+    const double c = linear > 0.0f ? std::min(static_cast<double>(linear), 1.0) : 0.0;
+    const double encoded = c <= 0.0031308 ? 12.92 * c : 1.055 * std::pow(c, 1.0 / 2.4) - 0.055;
+    return static_cast<uint8_t>(std::lround(encoded * 255.0));
+}
+
+// Writes the colour planes as a PNG, rows top to bottom in grid order.
+bool write_picture(const std::string& path, uint32_t width, uint32_t height, const float* r, const float* g,
+                   const float* b, std::string& error) {
+    const size_t cells = size_t{width} * height;
+    std::vector<uint8_t> rgb(3 * cells);
+    for (size_t i = 0; i < cells; ++i) {
+        rgb[3 * i] = srgb8(r[i]);
+        rgb[3 * i + 1] = srgb8(g[i]);
+        rgb[3 * i + 2] = srgb8(b[i]);
+    }
+    return write_png_rgb(path, width, height, rgb, error);
+}
+
 // One operation run on a copy of the same grid on every listed device.
 struct Sweep {
     std::vector<Grid> results;  // one per device that succeeded, in list order
@@ -774,6 +943,124 @@ int cmd_flow(int argc, char** argv) {
     return kOk;
 }
 
+// Reads a path option into `path` (empty when not given); false after a
+// message when it is given empty.
+bool path_option(const Args& args, const char* name, std::string& path) {
+    const auto it = args.values.find(name);
+    path = it == args.values.end() ? std::string() : it->second;
+    if (it != args.values.end() && path.empty()) {
+        fail(kUsage, "%s needs a value", name);
+        return false;
+    }
+    return true;
+}
+
+int cmd_shade(int argc, char** argv) {
+    Args args;
+    if (parse_args(argc, argv,
+                   {"--sun-azimuth", "--sun-elevation", "--shadows", "--sun-size", "--ao", "--terrain-size",
+                    "--height-scale", "--exposure", "--diffuse", "--shadow", "--ao-out", "--device", "--size"},
+                   {"--hybrid-ao", "--no-shadows", "--no-ao", "--quiet", "--json"}, args) != kOk)
+        return kUsage;
+    if (args.positional.size() != 2) return fail(kUsage, "shade needs IN and OUT.png (see halden shade --help)");
+    Lighting lighting;
+    uint32_t size = 0;
+    float terrain_size = 0.0f, height_scale = 1.0f;
+    if (!number_option(args, "--size", 1, UINT32_MAX, size) ||
+        !float_option(args, "--sun-azimuth", Range::kAny, lighting.azimuth) ||
+        !float_option(args, "--sun-elevation", Range::kAny, lighting.elevation) ||
+        !number_option(args, "--shadows", 0, 64, lighting.rings) ||
+        !float_option(args, "--sun-size", Range::kNonNegative, lighting.sun_size) ||
+        !number_option(args, "--ao", 1, 4096, lighting.sky_directions) ||
+        !float_option(args, "--terrain-size", Range::kPositive, terrain_size) ||
+        !float_option(args, "--height-scale", Range::kPositive, height_scale) ||
+        !float_option(args, "--exposure", Range::kPositive, lighting.exposure))
+        return kUsage;
+    if (!(lighting.elevation >= 0.0f && lighting.elevation <= 90.0f))
+        return fail(kUsage, "--sun-elevation expects a number from 0 to 90, got '%s'",
+                    args.values.at("--sun-elevation").c_str());
+    if (!(lighting.sun_size < 180.0f))
+        return fail(kUsage, "--sun-size expects a number of at least 0 and below 180, got '%s'",
+                    args.values.at("--sun-size").c_str());
+    lighting.hybrid = args.switches.count("--hybrid-ao") != 0;
+    lighting.shadows = args.switches.count("--no-shadows") == 0;
+    lighting.sky_visibility = args.switches.count("--no-ao") == 0;
+    std::string diffuse_path, shadow_path, ao_path;
+    if (!path_option(args, "--diffuse", diffuse_path) || !path_option(args, "--shadow", shadow_path) ||
+        !path_option(args, "--ao-out", ao_path))
+        return kUsage;
+    // With a switch off the library computes nothing to write.
+    if (!shadow_path.empty() && !lighting.shadows) return fail(kUsage, "--shadow has nothing to write with --no-shadows");
+    if (!ao_path.empty() && !lighting.sky_visibility) return fail(kUsage, "--ao-out has nothing to write with --no-ao");
+    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
+    if (device.empty()) return fail(kUsage, "--device needs a value");
+    const std::string& in = args.positional[0];
+    const std::string& out = args.positional[1];
+    if (!has_png_extension(out)) return fail(kUsage, "%s: OUT must be a .png file", out.c_str());
+
+    Grid heights;
+    if (const int code = read_input(in, size, heights); code != kOk) return code;
+    if (!int32_grid_ok(heights))
+        return fail(kIo, "%s: shading takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(), heights.width,
+                    heights.height);
+    // Caught here rather than by the library: a wrong shape is an input
+    // problem, and the message can say how to shade the grid anyway.
+    if ((lighting.shadows || lighting.sky_visibility) && !heights.square())
+        return fail(kIo, "%s: shadows and sky visibility need a square grid, this one is %ux%u (--no-shadows "
+                    "--no-ao shade any shape)",
+                    in.c_str(), heights.width, heights.height);
+    if (!args.values.count("--terrain-size")) terrain_size = static_cast<float>(heights.width);
+    const halden_lighting_parameters parameters = lighting_record(lighting, heights, terrain_size, height_scale);
+
+    const size_t cells = heights.cells.size();
+    Grid diffuse{heights.width, heights.height, {}}, shadow = diffuse, ao = diffuse;
+    std::vector<float> color(3 * cells);
+    ShadePlanes planes;
+    planes.r = color.data();
+    planes.g = color.data() + cells;
+    planes.b = color.data() + 2 * cells;
+    const std::pair<Grid*, float**> wanted[] = {
+        {diffuse_path.empty() ? nullptr : &diffuse, &planes.diffuse},
+        {shadow_path.empty() ? nullptr : &shadow, &planes.shadow},
+        {ao_path.empty() ? nullptr : &ao, &planes.ao}};
+    for (const auto& [grid, plane] : wanted) {
+        if (!grid) continue;
+        grid->cells.resize(cells);
+        *plane = grid->cells.data();
+    }
+
+    halden_queue* queue = nullptr;
+    std::string key;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
+    Timing timing{};
+    uint32_t status = run_shade(queue, heights, parameters, planes, timing);
+    DestroySyclQueue(queue);
+    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
+        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(),
+                    heights.width, heights.height, out.c_str());
+    if (status != HALDEN_STATUS_OK)
+        return fail(kDevice, "shading failed on %s; %s not written", key.c_str(), out.c_str());
+    std::string error;
+    if (!write_picture(out, heights.width, heights.height, planes.r, planes.g, planes.b, error))
+        return fail(kIo, "%s", error.c_str());
+    const std::pair<const std::string*, const Grid*> grids[] = {
+        {&diffuse_path, &diffuse}, {&shadow_path, &shadow}, {&ao_path, &ao}};
+    for (const auto& [path, grid] : grids)
+        if (!path->empty() && !write_grid(*path, *grid, error)) return fail(kIo, "%s", error.c_str());
+
+    if (args.switches.count("--quiet")) return kOk;
+    if (args.switches.count("--json")) {
+        std::printf("{\"operation\": \"shade\", \"device\": %s, \"width\": %u, \"height\": %u, "
+                    "\"milliseconds\": %.3f}\n",
+                    json_string(key).c_str(), heights.width, heights.height, timing.milliseconds);
+    } else {
+        std::printf("shade %ux%u, %s on %s: %.3f ms, %.1f Mcells/s\n", heights.width, heights.height,
+                    describe_lighting(lighting).c_str(), key.c_str(), timing.milliseconds, timing.mcells_per_second);
+    }
+    return kOk;
+}
+
 int cmd_demo(int argc, char** argv) {
     Args args;
     if (parse_args(argc, argv, {"--size", "--out"}, {}, args) != kOk) return kUsage;
@@ -794,6 +1081,10 @@ int cmd_demo(int argc, char** argv) {
     const halden_flow_parameters flow = {0, 0, 0.5f, 1.0f, 1};
 
     const Grid terrain = make_terrain(size);
+    // Shaded as the same map, 10 km wide with heights in metres, for the
+    // same reason: one metre per cell would make it all cliffs and shadow.
+    const Lighting lighting;
+    const halden_lighting_parameters shading = lighting_record(lighting, terrain, kExtentMetres, 1.0f);
     std::string error;
     if (!dir.empty()) {
         std::error_code ec;
@@ -817,6 +1108,16 @@ int cmd_demo(int argc, char** argv) {
     const Sweep flowed = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
         return run_flow(queue, terrain, grid, false, flow, &kCallbacks, timing);
     });
+    std::printf("shading, %s, %g m wide (heights in m)\n", describe_lighting(lighting).c_str(), kExtentMetres);
+    const size_t cells = terrain.cells.size();
+    const Sweep shaded = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
+        // The grid carries every output plane, colour first, one after
+        // another, so that the comparison covers them all.
+        grid.cells.assign(6 * cells, 0.0f);
+        float* p = grid.cells.data();
+        const ShadePlanes planes{p + 3 * cells, p + 4 * cells, p + 5 * cells, p, p + cells, p + 2 * cells};
+        return run_shade(queue, terrain, shading, planes, timing);
+    });
 
     if (!dir.empty()) {
         const std::pair<const char*, const Sweep*> outputs[] = {
@@ -827,13 +1128,19 @@ int cmd_demo(int argc, char** argv) {
             names.push_back(dir + "/" + name);
             if (!write_grid(names.back(), sweep->results[0], error)) return fail(kIo, "%s", error.c_str());
         }
+        if (!shaded.results.empty()) {
+            names.push_back(dir + "/shaded.png");
+            const float* color = shaded.results[0].cells.data();
+            if (!write_picture(names.back(), size, size, color, color + cells, color + 2 * cells, error))
+                return fail(kIo, "%s", error.c_str());
+        }
         std::printf("wrote");
         for (size_t i = 0; i < names.size(); ++i)
             std::printf("%s %s", i == 0 ? "" : i + 1 < names.size() ? "," : " and", names[i].c_str());
         std::printf("\n");
     }
-    if (median.failed || shaped.failed || flowed.failed) return kDevice;
-    return median.agree && shaped.agree && flowed.agree ? kOk : kDisagree;
+    if (median.failed || shaped.failed || flowed.failed || shaded.failed) return kDevice;
+    return median.agree && shaped.agree && flowed.agree && shaded.agree ? kOk : kDisagree;
 }
 
 }  // namespace
@@ -849,6 +1156,7 @@ int main(int argc, char** argv) {
         {"median", cmd_median, kMedianUsage},
         {"thermal-shape", cmd_thermal, kThermalUsage},
         {"flow", cmd_flow, kFlowUsage},
+        {"shade", cmd_shade, kShadeUsage},
         {"demo", cmd_demo, kDemoUsage}};
 
     if (argc < 2) {
