@@ -7,6 +7,7 @@ void register_thermal_shaper_benchmarks();
 void register_resampling_benchmarks();
 void register_flow_benchmarks();
 void register_shade_benchmarks();
+void register_mesh_rasterizer_benchmarks();
 
 int main(int argc, char** argv) {
     register_median_filter_benchmarks();
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
     register_resampling_benchmarks();
     register_flow_benchmarks();
     register_shade_benchmarks();
+    register_mesh_rasterizer_benchmarks();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -7,8 +7,9 @@
 #
 # Exit codes checked: 1 for usage errors, 2 for unreadable files and grids of
 # the wrong shape (a mask whose size differs from IN's included, as it is a
-# bad size like any other, and a non-square grid to shade with shadows or sky
-# visibility), 3 for device and library failures.
+# bad size like any other, a non-square grid to blur or to shade with shadows
+# or sky visibility, and a malformed mesh file), 3 for device and library
+# failures.
 set -u
 # Absolute, as the checks run inside WORKDIR.
 halden=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
@@ -408,6 +409,213 @@ expect 2 "shade into a missing directory" "$halden" shade demo/terrain.npy no-su
 expect 3 "shade on an unknown device" "$halden" shade demo/terrain.npy out.png --device no-such-device
 check "shade failures wrote nothing" test ! -e out.png
 
+# --- blur --------------------------------------------------------------------------
+# load_grid, for the python checks: the floats of a .npy or raw grid.
+cat >grid_load.py <<'EOF'
+import array
+def load(path):
+    data = open(path, "rb").read()
+    values = array.array("f")
+    values.frombytes(data[10 + (data[8] | data[9] << 8):] if data[:6] == b"\x93NUMPY" else data)
+    return values
+EOF
+floats '\x00\x10\x7a\x44' "$cells" constant.raw  # 1000.25f
+expect 0 "blur, defaults" "$halden" blur demo/terrain.npy blurred.npy
+check "blur prints size and radius" grep -q '^blur 64x64, radius 12 on .*: .* ms, .* Mcells/s$' out.txt
+check "blur kept the .npy size" test "$(bytes blurred.npy)" = "$(bytes demo/terrain.npy)"
+check "blur changed the heights" eval '! cmp -s blurred.npy demo/terrain.npy'
+expect 0 "blur again" "$halden" blur demo/terrain.npy blurred-again.npy --radius 12 --device cpu --size 64
+check "blur is deterministic" cmp blurred-again.npy blurred.npy
+expect 0 "blur --radius 0.5" "$halden" blur demo/terrain.npy blurred-small.npy --radius=0.5
+check "blur --radius 0.5 echoes the radius" grep -q '^blur 64x64, radius 0.5 on ' out.txt
+check "another radius gives another grid" eval '! cmp -s blurred-small.npy blurred.npy'
+expect 0 "blur on raw, side inferred" "$halden" blur terrain.raw blurred.raw --quiet
+check "blur --quiet prints nothing" test ! -s out.txt
+check "raw blur output is the .npy one's data" cmp blurred.raw <(tail -c $((cells * 4)) blurred.npy)
+expect 0 "blur --json" "$halden" blur demo/terrain.npy blurred-json.npy --json
+check "blur --json fields" grep -q '^{"operation": "blur", "device": ".*", "size": 64, "milliseconds": ' out.txt
+expect 0 "blur of a constant grid" "$halden" blur constant.raw constant-blurred.raw
+expect 0 "blur of a constant grid, radius past the grid" "$halden" blur constant.raw constant-wide.raw --radius 100.5
+if command -v python3 >/dev/null; then
+    check "blur keeps a constant grid (to 1e-6)" python3 - constant-blurred.raw constant-wide.raw <<'EOF'
+import sys
+from grid_load import load
+ok = True
+for path in sys.argv[1:]:
+    values = load(path)
+    ok = ok and len(values) == 64 * 64 and all(abs(v - 1000.25) <= 1e-6 * 1000.25 for v in values)
+sys.exit(0 if ok else 1)
+EOF
+    check "blur narrows the range of heights" python3 - demo/terrain.npy blurred.npy <<'EOF'
+import sys
+from grid_load import load
+before, after = load(sys.argv[1]), load(sys.argv[2])
+sys.exit(0 if min(after) > min(before) and max(after) < max(before) else 1)
+EOF
+else
+    echo "skip: blur values (no python3)"
+fi
+expect 2 "blur of a 128x32 grid" "$halden" blur terrain.raw wide-blurred.raw --size 128
+check "blur names the shape" grep -q 'square grid, this one is 128x32' err.txt
+expect 2 "blur of a missing file" "$halden" blur no-such-file.npy out.npy
+expect 3 "blur on an unknown device" "$halden" blur demo/terrain.npy out.npy --device no-such-device
+for bad in "--radius 0" "--radius -1" "--radius abc" "--radius nan" "--radius inf" "--radius=" "--size 0" \
+    "--device=" "--frobnicate"; do
+    # shellcheck disable=SC2086  # each entry is an option and its value
+    expect 1 "blur $bad" "$halden" blur demo/terrain.npy out.npy $bad
+done
+expect 1 "blur without OUT" "$halden" blur demo/terrain.npy
+check "blur failures wrote nothing" test ! -e out.npy -a ! -e wide-blurred.raw
+
+# --- rasterize ---------------------------------------------------------------------
+# Faces are counter-clockwise seen from +z with y up, as OBJ files have them.
+printf '# a unit square at height 2\nv 0 0 2\nv 1 0 2\nv 1 1 2\nv 0 1 2\nf 1 2 3\nf 1 3 4\n' >square.obj
+# Its right angle at the origin, the bottom left of the picture.
+printf 'v 0 0 1\nv 1 0 1\nv 0 1 1\nf 1 2 3\n' >corner.obj
+printf 'v 0 0 1\nv 1 0 1\nv 0 1 1\nf 1 3 2\n' >clockwise.obj
+floats '\xff\xff\x7f\xff' 16 uncovered.raw  # 16 x -FLT_MAX
+
+expect 0 "rasterize a square" "$halden" rasterize square.obj square.npy --size 16 16
+check "rasterize prints counts, size and coverage" grep -q \
+    '^rasterize square.obj: 4 vertices, 2 triangles into 16x16 on .*: .* ms, .* Mtriangles/s, 256 of 256 cells covered$' \
+    out.txt
+expect 0 "rasterize into a 16x8 raw grid with ids" "$halden" rasterize square.obj square.raw --size 16 8 --ids ids.raw
+check "the 16x8 grid has its raw size" test "$(bytes square.raw)" = $((16 * 8 * 4))
+check "the 16x8 id grid has its raw size" test "$(bytes ids.raw)" = $((16 * 8 * 4))
+check "the square fills the left 8x8" grep -q ', 64 of 128 cells covered$' out.txt
+expect 0 "rasterize --supersample" "$halden" rasterize square.obj square-ss.npy --size 16 16 --supersample
+check "rasterize --supersample says so" grep -q 'into 16x16 (supersampled) on .*, 256 of 256 cells covered$' out.txt
+expect 0 "rasterize --json" "$halden" rasterize square.obj square-json.npy --size 16 16 --json
+check "rasterize --json fields" grep -q '^{"operation": "rasterize", "device": ".*", "width": 16, "height": 16, '\
+'"vertices": 4, "triangles": 2, "covered": 256, "milliseconds": ' out.txt
+expect 0 "rasterize --quiet" "$halden" rasterize square.obj square-quiet.npy --size 16 16 --quiet --device cpu
+check "rasterize --quiet prints nothing" test ! -s out.txt
+check "rasterize is deterministic" cmp square-quiet.npy square.npy
+
+expect 0 "rasterize a counter-clockwise triangle" "$halden" rasterize corner.obj corner.raw --size 4 4
+check "the counter-clockwise triangle is drawn" grep -q ', 10 of 16 cells covered$' out.txt
+expect 0 "rasterize a clockwise triangle" "$halden" rasterize clockwise.obj clockwise.raw --size 4 4
+check "the clockwise triangle is culled" cmp clockwise.raw uncovered.raw
+check "an empty result is warned about" grep -q 'warning: no triangle covers' err.txt
+# Every form of vertex reference, and the lines a reader skips, give the same triangle.
+n=0
+for face in "1/1 2/2 3/3" "1//1 2//2 3//3" "1/1/1 2/2/2 3/3/3" "-3 -2 -1" "-3/1 2//2 +3/3/3"; do
+    n=$((n + 1))
+    printf 'mtllib x.mtl\no corner\nv 0 0 1\nv 1 0 1 1\nv 0 1 1 # the top\nvt 0 0\nvn 0 0 1\ng top\ns off\n' >form$n.obj
+    printf 'usemtl x\nf %s\n' "$face" >>form$n.obj
+    expect 0 "rasterize with faces 'f $face'" "$halden" rasterize form$n.obj form$n.raw --size 4 4
+    check "'f $face' is the same triangle" cmp form$n.raw corner.raw
+done
+printf 'v 0 0 1\nv 1 0 1\nf 3 4 5\nv 0 0 2\nv 1 0 2\nv 0 1 2\n' >forward.obj  # indices past the vertices read so far
+expect 0 "rasterize with forward references" "$halden" rasterize forward.obj forward.raw --size 4 4
+
+# A terrain of 8 x 8 vertices on the cell centres of an 8 x 8 grid (two unused
+# corner vertices make the box 8 units wide, so one unit is one cell and the
+# heights come back unscaled); each vertex's cell must show its height.
+awk 'BEGIN {
+    print "v 0 0 0"
+    print "v 8 8 0"
+    for (j = 0; j < 8; j++)
+        for (i = 0; i < 8; i++) printf "v %g %g %g\n", i + 0.5, j + 0.5, ((i * 37 + j * 11) % 17) / 4
+    for (j = 0; j < 7; j++)
+        for (i = 0; i < 7; i++) {
+            a = 3 + j * 8 + i
+            printf "f %d %d %d\nf %d %d %d\n", a, a + 1, a + 9, a, a + 9, a + 8
+        }
+}' >terrain.obj
+expect 0 "rasterize an 8x8 terrain mesh" "$halden" rasterize terrain.obj terrain-mesh.npy --size 8 8 --ids terrain-ids.npy
+check "the terrain mesh covers every cell" grep -q '^rasterize terrain.obj: 66 vertices, 98 triangles into 8x8 .*, 64 of 64' out.txt
+
+if command -v python3 >/dev/null; then
+    # The interpolation may round the last bit.
+    check "the square's heights are 2 scaled by 16" python3 - square.npy square-ss.npy <<'EOF'
+import sys
+from grid_load import load
+sys.exit(0 if all(len(v) == 256 and all(abs(h - 32) <= 32e-6 for h in v) for v in map(load, sys.argv[1:])) else 1)
+EOF
+    check "the 16x8 grid and ids: covered on the left, empty on the right" python3 - square.raw ids.raw <<'EOF'
+import sys
+from grid_load import load
+heights, ids = load(sys.argv[1]), load(sys.argv[2])
+lowest = -3.4028234663852886e38
+left = [i for i in range(128) if i % 16 < 8]
+right = [i for i in range(128) if i % 16 >= 8]
+ok = all(abs(heights[i] - 16) <= 16e-6 and 0 <= ids[i] < 1 for i in left)
+ok = ok and all(heights[i] == lowest and ids[i] == -1 for i in right)
+ok = ok and len({ids[i] for i in left}) == 2
+sys.exit(0 if ok else 1)
+EOF
+    # Not mirrored: the triangle's right angle lies at the bottom left, so
+    # cells below the diagonal are covered and cells above it are not.
+    check "the triangle is neither mirrored nor upside down" python3 - corner.raw <<'EOF'
+import sys
+from grid_load import load
+h = load(sys.argv[1])
+ok = all(abs(h[r * 4 + c] - 4) <= 4e-6 for r in range(4) for c in range(4) if c < r)
+ok = ok and all(h[r * 4 + c] < -1e38 for r in range(4) for c in range(4) if c > r)
+sys.exit(0 if ok else 1)
+EOF
+    check "the forward-referenced triangle is drawn too" python3 - forward.raw <<'EOF'
+import sys
+from grid_load import load
+sys.exit(0 if max(load(sys.argv[1])) > 0 else 1)
+EOF
+    # Each triangle is enlarged by 0.5 % about its centroid, which moves a
+    # vertex's height by at most 0.5 % of the relief.
+    check "the terrain mesh gives each vertex's height at its cell" python3 - terrain-mesh.npy terrain-ids.npy <<'EOF'
+import sys
+from grid_load import load
+heights, ids = load(sys.argv[1]), load(sys.argv[2])
+ok = len(heights) == 64 and all(0 <= v < 1 for v in ids)
+for j in range(8):
+    for i in range(8):
+        want = ((i * 37 + j * 11) % 17) / 4
+        ok = ok and abs(heights[(7 - j) * 8 + i] - want) <= 0.01 * 4
+sys.exit(0 if ok else 1)
+EOF
+else
+    echo "skip: rasterized values (no python3)"
+fi
+
+# Malformed meshes name the file and line.
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n' >quad.obj
+expect 2 "rasterize a quad" "$halden" rasterize quad.obj out.npy --size 4 4
+check "the quad is named by file and line" grep -q 'quad.obj:5: only triangles are supported' err.txt
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf 1 2 9\n' >bad-index.obj
+expect 2 "rasterize an index past the vertices" "$halden" rasterize bad-index.obj out.npy --size 4 4
+check "the bad index is named by file and line" grep -q 'bad-index.obj:4: vertex index 9 is past the 3 vertices' err.txt
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf -4 -2 -1\n' >bad-negative.obj
+expect 2 "rasterize a negative index before the first vertex" "$halden" rasterize bad-negative.obj out.npy --size 4 4
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf 0 1 2\n' >zero-index.obj
+expect 2 "rasterize a zero index" "$halden" rasterize zero-index.obj out.npy --size 4 4
+printf 'v 0 0 0\nv 1 abc 0\nv 1 1 0\nf 1 2 3\n' >bad-number.obj
+expect 2 "rasterize a bad number" "$halden" rasterize bad-number.obj out.npy --size 4 4
+check "the bad number is named by file and line" grep -q "bad-number.obj:2: 'abc' is not a finite number" err.txt
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf 1 2/ 3\n' >bad-reference.obj
+expect 2 "rasterize a bad reference" "$halden" rasterize bad-reference.obj out.npy --size 4 4
+printf 'v 0 0 0\nv 1 0 0\nf 1 2\n' >line-face.obj
+expect 2 "rasterize a face of two vertices" "$halden" rasterize line-face.obj out.npy --size 4 4
+printf 'v 0 0 0\nv 1 0\n' >short-vertex.obj
+expect 2 "rasterize a vertex without z" "$halden" rasterize short-vertex.obj out.npy --size 4 4
+printf 'v 0 0 0\n' >no-faces.obj
+expect 2 "rasterize a mesh without faces" "$halden" rasterize no-faces.obj out.npy --size 4 4
+expect 2 "rasterize a missing file" "$halden" rasterize no-such-file.obj out.npy --size 4 4
+expect 2 "rasterize into a missing directory" "$halden" rasterize square.obj no-such-dir/out.npy --size 4 4
+expect 3 "rasterize on an unknown device" "$halden" rasterize square.obj out.npy --size 4 4 --device no-such-device
+
+# Usage errors.
+for bad in "--size 0 4" "--size 4 0" "--size abc 4" "--size 4 -1" "--size 4 1.5" "--size 16385 4" \
+    "--size 8193 8 --supersample" "--size=4 4" "--size 4"; do
+    # shellcheck disable=SC2086  # each entry is an option and its values
+    expect 1 "rasterize $bad" "$halden" rasterize square.obj out.npy $bad
+done
+expect 1 "rasterize without --size" "$halden" rasterize square.obj out.npy
+for bad in "--ids=" "--device=" "--frobnicate"; do
+    expect 1 "rasterize $bad" "$halden" rasterize square.obj out.npy --size 4 4 $bad
+done
+expect 1 "rasterize without OUT" "$halden" rasterize square.obj --size 4 4
+check "rasterize failures wrote nothing" test ! -e out.npy
+
 # --- help ------------------------------------------------------------------------
 expect 0 "thermal-shape --help" "$halden" thermal-shape --help
 check "thermal-shape --help shows the usage" grep -q '^usage: halden thermal-shape IN OUT' out.txt
@@ -415,13 +623,20 @@ expect 0 "flow --help" "$halden" flow --help
 check "flow --help shows the usage" grep -q '^usage: halden flow IN OUT' out.txt
 expect 0 "shade --help" "$halden" shade --help
 check "shade --help shows the usage" grep -q '^usage: halden shade IN OUT.png' out.txt
+expect 0 "blur --help" "$halden" blur --help
+check "blur --help shows the usage" grep -q '^usage: halden blur IN OUT' out.txt
+expect 0 "rasterize --help" "$halden" rasterize --help
+check "rasterize --help shows the usage" grep -q '^usage: halden rasterize MESH.obj OUT --size W H' out.txt
+check "rasterize --help names the winding" grep -q 'counter-clockwise seen from above (+z)' out.txt
 expect 0 "demo --help" "$halden" demo --help
 check "demo --help names flow.npy" grep -q 'DIR/flow.npy' out.txt
 check "demo --help names shaded.png" grep -q 'DIR/shaded.png' out.txt
-expect 0 "halden --help lists thermal-shape, flow and shade" "$halden" --help
+expect 0 "halden --help lists every command" "$halden" --help
 check "the command list names thermal-shape" grep -q '^  thermal-shape ' out.txt
 check "the command list names flow" grep -q '^  flow ' out.txt
 check "the command list names shade" grep -q '^  shade ' out.txt
+check "the command list names blur" grep -q '^  blur ' out.txt
+check "the command list names rasterize" grep -q '^  rasterize ' out.txt
 expect 1 "an unknown command" "$halden" no-such-command
 
 if [ "$failures" -ne 0 ]; then

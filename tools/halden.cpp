@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// halden: lists devices, median-filters and thermally shapes grid files,
-// computes flow maps, shades height grids into pictures and runs a
-// cross-device demo, all through the public C interface.
+// halden: lists devices, median-filters, blurs and thermally shapes grid
+// files, computes flow maps, shades height grids into pictures, renders
+// triangle meshes into height grids and runs a cross-device demo, all through
+// the public C interface.
 //
 // Messages go through C stdio only: creating a queue points std::cerr at the
 // null device.
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <charconv>
+#include <cfloat>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -26,6 +28,7 @@
 #include <unistd.h>
 
 #include "grid_io.hpp"
+#include "obj.hpp"
 #include "png.hpp"
 #include "terrain.hpp"
 
@@ -42,6 +45,8 @@ const char kUsageText[] =
     "  thermal-shape  wear down the ridges (or fill the valleys) of a float32 height grid\n"
     "  flow           map where water runs on a float32 height grid\n"
     "  shade          light a float32 height grid with sun and sky and write a PNG picture\n"
+    "  blur           blur a square float32 grid with an almost-Gaussian filter\n"
+    "  rasterize      render a triangle mesh (Wavefront OBJ) into a float32 height grid\n"
     "  demo           process a generated terrain on every device and compare the results\n"
     "\n"
     "options of every command:\n"
@@ -53,7 +58,7 @@ const char kUsageText[] =
     "  1  usage error (unknown command or option, bad option value, an OUT of the wrong\n"
     "     kind)\n"
     "  2  input/output error (unreadable or unwritable file, bad size, unknown format,\n"
-    "     a grid of the wrong shape for the command)\n"
+    "     a grid of the wrong shape for the command, a malformed mesh file)\n"
     "  3  device or operation error (no matching device, an error reported by the library,\n"
     "     not enough device memory, a run cancelled with Ctrl-C)\n"
     "  4  demo: the devices' results differ\n";
@@ -62,8 +67,9 @@ const char kDevicesUsage[] =
     "usage: halden devices [--json]\n"
     "\n"
     "Lists the usable devices: index, name and key. A key selects its device in\n"
-    "'halden median', 'halden thermal-shape', 'halden flow' and 'halden shade'\n"
-    "(--device KEY); the key \"cpu\" always selects the host device.\n"
+    "'halden median', 'halden thermal-shape', 'halden flow', 'halden shade',\n"
+    "'halden blur' and 'halden rasterize' (--device KEY); the key \"cpu\" always\n"
+    "selects the host device.\n"
     "\n"
     "  --json  print a JSON array of {\"name\", \"key\", \"backend\", \"type\"}\n";
 
@@ -222,6 +228,75 @@ const char kShadeUsage[] =
     "OUT must end in .png. Numbers must be finite and in plain decimal or exponent\n"
     "form. Exit codes: see 'halden --help'; not enough device memory exits 3.\n";
 
+const char kBlurUsage[] =
+    "usage: halden blur IN OUT [--radius R] [--device KEY] [--size W] [--quiet] [--json]\n"
+    "\n"
+    "Blurs the square float32 grid in IN on one device and writes it to OUT: two box\n"
+    "filters along the rows and two along the columns, which together come close to\n"
+    "a Gaussian. Each box gives full weight to the 2 trunc(R) + 1 cells around a cell\n"
+    "and weight R - trunc(R) to the next cell either side, so the blur grows smoothly\n"
+    "with R; cells past the edges repeat the edge cells, so a constant grid stays\n"
+    "constant. IN is a .npy file ('<f4' or '<f8', 2-D, C order, square) or raw\n"
+    "little-endian float32 values. OUT is written as .npy ('<f4') when its name ends\n"
+    "in .npy, as raw float32 otherwise; an existing OUT is replaced only on success.\n"
+    "\n"
+    "  --radius R    radius of the boxes in cells, a positive number (default 12: boxes\n"
+    "                25 cells wide); larger radii blur more at the same cost\n"
+    "  --device KEY  cpu (the host device, default), gpu (the first CUDA device) or a\n"
+    "                key listed by 'halden devices'\n"
+    "  --size W      width of a raw IN, whose height is then its value count / W;\n"
+    "                without it IN must hold a square number of floats. A .npy IN\n"
+    "                brings its own shape, which W must then match\n"
+    "  --quiet       print nothing on success\n"
+    "  --json        print {\"operation\", \"device\", \"size\", \"milliseconds\"} instead\n"
+    "\n"
+    "A grid that is not square, or more than 46340 cells wide, exits 2. Numbers must\n"
+    "be finite and in plain decimal or exponent form. Exit codes: see 'halden --help';\n"
+    "not enough device memory exits 3.\n";
+
+const char kRasterizeUsage[] =
+    "usage: halden rasterize MESH.obj OUT --size W H [--ids IDS] [--supersample]\n"
+    "                                     [--device KEY] [--quiet] [--json]\n"
+    "\n"
+    "Renders the triangles of the Wavefront OBJ file MESH.obj, seen from above, into\n"
+    "a W x H float32 height grid on one device and writes it to OUT: a cell gets the\n"
+    "greatest height (z) of the triangles covering its centre, or -FLT_MAX\n"
+    "(-3.4028235e38) where none does. The mesh is fitted into the grid: the x/y\n"
+    "bounding box of its vertices is scaled by one factor, the largest that keeps it\n"
+    "inside, with its smallest x on the first column and its largest y on the first\n"
+    "row (y points up the picture), so the box fills the whole width or the whole\n"
+    "height and the rest of the grid stays uncovered. Heights are z times the same\n"
+    "factor, so they keep their proportion to the cells: a mesh 10 units wide in a\n"
+    "grid 1000 cells wide comes back with its heights multiplied by 100.\n"
+    "\n"
+    "MESH.obj: 'v x y z' lines give the vertices and 'f' lines the faces, with 1-based\n"
+    "vertex indices (negative ones count back from the last vertex read) in any of\n"
+    "the forms i, i/t, i//n and i/t/n; other lines and '#' comments are skipped.\n"
+    "Faces must be triangles: a face of 4 or more vertices exits 2 (triangulate the\n"
+    "mesh first). Faces must be counter-clockwise seen from above (+z), the usual OBJ\n"
+    "convention for a surface facing up; triangles wound the other way are culled\n"
+    "(not drawn). A malformed line, such as a bad number or an index past the\n"
+    "vertices, exits 2 naming the file and line.\n"
+    "\n"
+    "  --size W H     width and height of the grid in cells, 1 to 16384 each (1 to\n"
+    "                 8192 with --supersample)\n"
+    "  --ids IDS      also write the triangle-id grid: for each cell a value in [0, 1)\n"
+    "                 fixed per triangle that names the triangle it took its height\n"
+    "                 from, -1 where none covers it\n"
+    "  --supersample  render at twice the width and height and keep the greatest\n"
+    "                 height of each 2 x 2 block: thin triangles that miss the cells'\n"
+    "                 centres still show\n"
+    "  --device KEY   cpu (the host device, default), gpu (the first CUDA device) or a\n"
+    "                 key listed by 'halden devices'\n"
+    "  --quiet        print nothing on success\n"
+    "  --json         print {\"operation\", \"device\", \"width\", \"height\", \"vertices\",\n"
+    "                 \"triangles\", \"covered\", \"milliseconds\"} instead\n"
+    "\n"
+    "OUT and IDS are written as .npy ('<f4') when their names end in .npy, as raw\n"
+    "float32 otherwise; an existing file is replaced only on success. The summary\n"
+    "line counts the covered cells. Exit codes: see 'halden --help'; not enough\n"
+    "device memory exits 3.\n";
+
 const char kDemoUsage[] =
     "usage: halden demo [--size N] [--out DIR]\n"
     "\n"
@@ -352,13 +427,15 @@ __attribute__((format(printf, 2, 3))) int fail(int code, const char* format, ...
 struct Args {
     std::vector<std::string> positional;
     std::map<std::string, std::string> values;
+    std::map<std::string, std::pair<std::string, std::string>> pairs;
     std::set<std::string> switches;
 };
 
 // Splits the arguments after the command; `valued` take a value ("--x V" or
-// "--x=V"), `flags` do not. Returns kOk or kUsage after a message.
+// "--x=V"), `paired` two ("--x A B"), `flags` none. Returns kOk or kUsage
+// after a message.
 int parse_args(int argc, char** argv, const std::set<std::string>& valued, const std::set<std::string>& flags,
-               Args& args) {
+               Args& args, const std::set<std::string>& paired = {}) {
     for (int i = 2; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg.size() < 2 || arg[0] != '-') {
@@ -367,7 +444,12 @@ int parse_args(int argc, char** argv, const std::set<std::string>& valued, const
         }
         const size_t eq = arg.find('=');
         const std::string name = arg.substr(0, eq);
-        if (valued.count(name)) {
+        if (paired.count(name)) {
+            if (eq != std::string::npos || i + 2 >= argc)
+                return fail(kUsage, "%s needs two values, given as %s A B", name.c_str(), name.c_str());
+            args.pairs[name] = {argv[i + 1], argv[i + 2]};
+            i += 2;
+        } else if (valued.count(name)) {
             if (eq != std::string::npos) {
                 args.values[name] = arg.substr(eq + 1);
             } else if (i + 1 < argc) {
@@ -1061,6 +1143,192 @@ int cmd_shade(int argc, char** argv) {
     return kOk;
 }
 
+int cmd_blur(int argc, char** argv) {
+    Args args;
+    if (parse_args(argc, argv, {"--radius", "--device", "--size"}, {"--quiet", "--json"}, args) != kOk) return kUsage;
+    if (args.positional.size() != 2) return fail(kUsage, "blur needs IN and OUT (see halden blur --help)");
+    uint32_t size = 0;
+    float radius = 12.0f;
+    if (!float_option(args, "--radius", Range::kPositive, radius) || !number_option(args, "--size", 1, UINT32_MAX, size))
+        return kUsage;
+    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
+    if (device.empty()) return fail(kUsage, "--device needs a value");
+    const std::string& in = args.positional[0];
+    const std::string& out = args.positional[1];
+
+    Grid grid;
+    if (const int code = read_input(in, size, grid); code != kOk) return code;
+    if (!grid.square())
+        return fail(kIo, "%s: the blur needs a square grid, this one is %ux%u", in.c_str(), grid.width, grid.height);
+    // The export's own limit, caught here because it is the input's shape
+    // that is wrong, not the device.
+    constexpr uint32_t kMaxBlurSide = 46340;
+    if (grid.width > kMaxBlurSide)
+        return fail(kIo, "%s: the blur takes grids of at most %u x %u cells, this one is %ux%u", in.c_str(),
+                    kMaxBlurSide, kMaxBlurSide, grid.width, grid.height);
+
+    halden_queue* queue = nullptr;
+    std::string key;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
+    g_error = false;
+    const auto start = std::chrono::steady_clock::now();
+    uint32_t status = Blur(queue, grid.cells.data(), static_cast<int32_t>(grid.width), radius, &kCallbacks);
+    const auto stop = std::chrono::steady_clock::now();
+    const Timing timing = timing_between(start, stop, static_cast<double>(grid.cells.size()));
+    DestroySyclQueue(queue);
+    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
+        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(), grid.width,
+                    grid.height, out.c_str());
+    if (status != HALDEN_STATUS_OK) return fail(kDevice, "the blur failed on %s; %s not written", key.c_str(), out.c_str());
+    std::string error;
+    if (!write_grid(out, grid, error)) return fail(kIo, "%s", error.c_str());
+
+    if (args.switches.count("--quiet")) return kOk;
+    if (args.switches.count("--json")) {
+        std::printf("{\"operation\": \"blur\", \"device\": %s, \"size\": %u, \"milliseconds\": %.3f}\n",
+                    json_string(key).c_str(), grid.width, timing.milliseconds);
+    } else {
+        std::printf("blur %ux%u, radius %g on %s: %.3f ms, %.1f Mcells/s\n", grid.width, grid.height, radius,
+                    key.c_str(), timing.milliseconds, timing.mcells_per_second);
+    }
+    return kOk;
+}
+
+// Reads the two values of --size W H, each in [1, limit].
+bool size_pair_option(const Args& args, uint32_t limit, uint32_t& width, uint32_t& height) {
+    const auto it = args.pairs.find("--size");
+    if (it == args.pairs.end()) {
+        fail(kUsage, "--size W H is required");
+        return false;
+    }
+    uint32_t* const targets[2] = {&width, &height};
+    const std::string* const texts[2] = {&it->second.first, &it->second.second};
+    for (int i = 0; i < 2; ++i) {
+        const std::string& text = *texts[i];
+        uint64_t value = 0;
+        const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value < 1 || value > limit) {
+            fail(kUsage, "--size expects two whole numbers from 1 to %u, got '%s %s'", limit, it->second.first.c_str(),
+                 it->second.second.c_str());
+            return false;
+        }
+        *targets[i] = static_cast<uint32_t>(value);
+    }
+    return true;
+}
+
+int cmd_rasterize(int argc, char** argv) {
+    Args args;
+    if (parse_args(argc, argv, {"--ids", "--device"}, {"--supersample", "--quiet", "--json"}, args, {"--size"}) != kOk)
+        return kUsage;
+    if (args.positional.size() != 2)
+        return fail(kUsage, "rasterize needs MESH.obj and OUT (see halden rasterize --help)");
+    const bool supersample = args.switches.count("--supersample") != 0;
+    // The library's side limit, which covers the doubled grid of a supersampled render.
+    const uint32_t max_side = supersample ? 8192 : 16384;
+    uint32_t width = 0, height = 0;
+    if (!size_pair_option(args, max_side, width, height)) return kUsage;
+    std::string ids_path;
+    if (!path_option(args, "--ids", ids_path)) return kUsage;
+    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
+    if (device.empty()) return fail(kUsage, "--device needs a value");
+    const std::string& in = args.positional[0];
+    const std::string& out = args.positional[1];
+
+    ObjMesh mesh;
+    std::string error;
+    if (!read_obj(in, mesh, error)) return fail(kIo, "%s", error.c_str());
+    if (mesh.triangle_count() == 0) return fail(kIo, "%s: no faces to render", in.c_str());
+    if (mesh.triangle_count() > UINT32_MAX)
+        return fail(kIo, "%s: %zu triangles, more than the 2^32 - 1 a mesh may have", in.c_str(),
+                    mesh.triangle_count());
+
+    // The grid's rows run down the picture while OBJ's y runs up it. Negating
+    // y turns the mesh over so that its top lands on the first row, and that
+    // same flip turns counter-clockwise faces into the winding the library
+    // draws.
+    float x0 = INFINITY, x1 = -INFINITY, y0 = INFINITY, y1 = -INFINITY;
+    for (size_t i = 0; i < mesh.vertices.size(); i += 3) {
+        x0 = std::min(x0, mesh.vertices[i]);
+        x1 = std::max(x1, mesh.vertices[i]);
+        y0 = std::min(y0, mesh.vertices[i + 1]);
+        y1 = std::max(y1, mesh.vertices[i + 1]);
+        mesh.vertices[i + 1] = -mesh.vertices[i + 1];
+    }
+    // In double: the spans of float coordinates may overflow float.
+    const double span_x = static_cast<double>(x1) - x0, span_y = static_cast<double>(y1) - y0;
+    double scale = 1.0;
+    if (span_x > 0.0 && span_y > 0.0)
+        scale = std::min(width / span_x, height / span_y);
+    else if (span_x > 0.0)
+        scale = width / span_x;
+    else if (span_y > 0.0)
+        scale = height / span_y;
+    if (!std::isfinite(static_cast<float>(scale)))
+        return fail(kIo, "%s: the mesh spans %g x %g, too little to scale to %ux%u cells in float32", in.c_str(),
+                    span_x, span_y, width, height);
+
+    halden_mesh_rasterizer_parameters parameters{};
+    parameters.width = static_cast<int32_t>(width);
+    parameters.height = static_cast<int32_t>(height);
+    parameters.centre[0] = x0;
+    parameters.centre[1] = -y1;
+    parameters.centre[2] = 0.0f;
+    parameters.scale = static_cast<float>(scale);
+    parameters.depth_divisor = 1.0f;
+    parameters.shift = 0.0f;
+    parameters.supersample = supersample ? 1 : 0;
+    const halden_mesh record = {mesh.vertices.data(), static_cast<uint32_t>(mesh.vertex_count()), 0,
+                                mesh.triangles.data(), static_cast<uint32_t>(mesh.triangle_count()), 0};
+
+    Grid heights{width, height, std::vector<float>(size_t{width} * height)};
+    Grid ids{width, height, {}};
+    if (!ids_path.empty()) ids.cells.resize(heights.cells.size());
+
+    halden_queue* queue = nullptr;
+    std::string key;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
+    g_error = false;
+    const auto start = std::chrono::steady_clock::now();
+    // The record comes back with the rendered (doubled) size when
+    // supersampling; the grids stay width x height.
+    uint32_t status = MeshRasterizer_RenderMesh(queue, &record, heights.cells.data(),
+                                                ids_path.empty() ? nullptr : ids.cells.data(), &parameters, &kCallbacks);
+    const auto stop = std::chrono::steady_clock::now();
+    const Timing timing = timing_between(start, stop, static_cast<double>(mesh.triangle_count()));
+    DestroySyclQueue(queue);
+    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
+        return fail(kDevice, "not enough device memory on %s for %zu triangles into %ux%u; %s not written",
+                    key.c_str(), mesh.triangle_count(), width, height, out.c_str());
+    if (status != HALDEN_STATUS_OK)
+        return fail(kDevice, "rasterizing failed on %s; %s not written", key.c_str(), out.c_str());
+    if (!write_grid(out, heights, error)) return fail(kIo, "%s", error.c_str());
+    if (!ids_path.empty() && !write_grid(ids_path, ids, error)) return fail(kIo, "%s", error.c_str());
+
+    const size_t covered = static_cast<size_t>(
+        std::count_if(heights.cells.begin(), heights.cells.end(), [](float h) { return h > -FLT_MAX; }));
+    if (args.switches.count("--quiet")) return kOk;
+    if (covered == 0)
+        std::fprintf(stderr, "halden: warning: no triangle covers a cell's centre; faces wound clockwise seen "
+                             "from above (+z) are culled\n");
+    if (args.switches.count("--json")) {
+        std::printf("{\"operation\": \"rasterize\", \"device\": %s, \"width\": %u, \"height\": %u, \"vertices\": %zu, "
+                    "\"triangles\": %zu, \"covered\": %zu, \"milliseconds\": %.3f}\n",
+                    json_string(key).c_str(), width, height, mesh.vertex_count(), mesh.triangle_count(), covered,
+                    timing.milliseconds);
+    } else {
+        std::printf("rasterize %s: %zu vert%s, %zu triangle%s into %ux%u%s on %s: %.3f ms, %.1f Mtriangles/s, "
+                    "%zu of %zu cells covered\n",
+                    in.c_str(), mesh.vertex_count(), mesh.vertex_count() == 1 ? "ex" : "ices", mesh.triangle_count(),
+                    mesh.triangle_count() == 1 ? "" : "s", width, height,
+                    supersample ? " (supersampled)" : "", key.c_str(), timing.milliseconds, timing.mcells_per_second,
+                    covered, heights.cells.size());
+    }
+    return kOk;
+}
+
 int cmd_demo(int argc, char** argv) {
     Args args;
     if (parse_args(argc, argv, {"--size", "--out"}, {}, args) != kOk) return kUsage;
@@ -1157,6 +1425,8 @@ int main(int argc, char** argv) {
         {"thermal-shape", cmd_thermal, kThermalUsage},
         {"flow", cmd_flow, kFlowUsage},
         {"shade", cmd_shade, kShadeUsage},
+        {"blur", cmd_blur, kBlurUsage},
+        {"rasterize", cmd_rasterize, kRasterizeUsage},
         {"demo", cmd_demo, kDemoUsage}};
 
     if (argc < 2) {

@@ -457,6 +457,101 @@ HALDEN_API uint32_t Shade(halden_queue* queue, const float* heights, float* diff
                           const float* albedo_b, const halden_lighting_parameters* parameters,
                           const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Mesh rasterisation.                                                        */
+
+/* A triangle mesh in host memory: vertices as packed (x, y, z) floats,
+ * triangles as packed triples of vertex indices. */
+typedef struct halden_mesh {
+    const float* vertices;
+    uint32_t vertex_count;
+    uint32_t reserved0;
+    const uint32_t* triangles;
+    uint32_t triangle_count;
+    uint32_t reserved1;
+} halden_mesh;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_mesh) == 32, "mesh record is 32 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_mesh, triangles) == 16, "triangles at 16");
+
+/*
+ * width, height   output grid size in cells (at least 1 each, at most 2^31 - 1
+ *                 cells, 16384 on a side); doubled in place when supersample
+ *                 is set
+ * centre          subtracted from every vertex first
+ * scale           then every component is multiplied by it
+ * offset          and offset[0], offset[1], offset[2] added to x, y, z:
+ *                   x' = scale (x - centre.x) + offset[0]   (grid column)
+ *                   y' = scale (y - centre.y) + offset[1]   (grid row)
+ *                   z' = (scale (z - centre.z) + offset[2]) / depth_divisor
+ * depth_divisor   divides the height (not 0)
+ * shift           finally subtracted from x', y' and z'. Cell (row r,
+ *                 column c) has its centre at x' = c + 0.5, y' = r + 0.5.
+ * supersample     nonzero: render at twice the width and height (grid
+ *                 coordinates doubled) and reduce each 2 x 2 block, heights
+ *                 by their maximum, ids by the id of the maximum's cell
+ * reserved        carried, not read
+ *
+ * To fit a mesh whose x and y span [x0, x1] x [y0, y1] into a W x H grid:
+ * centre (x0, y0, 0), scale min(W / (x1 - x0), H / (y1 - y0)), offset 0,
+ * depth_divisor 1 (heights then scale with the grid), shift 0.
+ */
+typedef struct halden_mesh_rasterizer_parameters {
+    int32_t width;
+    int32_t height;
+    float centre[3];
+    float scale;
+    float offset[3];
+    float depth_divisor;
+    float shift;
+    uint8_t reserved[10];
+    uint8_t supersample;
+    uint8_t padding;
+} halden_mesh_rasterizer_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_mesh_rasterizer_parameters) == 56, "mesh rasterizer record is 56 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_mesh_rasterizer_parameters, scale) == 20, "scale at 20");
+HALDEN_STATIC_ASSERT(offsetof(halden_mesh_rasterizer_parameters, shift) == 40, "shift at 40");
+HALDEN_STATIC_ASSERT(offsetof(halden_mesh_rasterizer_parameters, supersample) == 54, "supersample at 54");
+
+/*
+ * Renders the mesh into `heights` (width x height floats): every cell gets
+ * the greatest height of the triangles covering its centre, or -FLT_MAX when
+ * none does. Triangles wound one way only are drawn: those with
+ * (x1 - x0)(y2 - y0) - (x2 - x0)(y1 - y0) > 0 in grid coordinates are culled
+ * (with x to the right and y down the rows, their corners run clockwise in
+ * a picture whose first row is at the top). Each triangle is enlarged by 0.5 % about its centroid, so shared
+ * edges leave no gaps. `triangle_ids` (optional, same size) receives a
+ * random value in [0, 1) fixed per triangle index for the winning triangle,
+ * or -1 where none covers; when two triangles give a cell the same height
+ * either may be named. Triangles with an index past the vertex array are
+ * skipped; triangles covering 2^28 cells or more are left out.
+ *
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for null
+ * arguments, an invalid record, a mesh of more than 2^31 - 1 fragments, a
+ * cancel (slot 7) or a device error; the grids are then left as they were.
+ */
+HALDEN_API uint32_t MeshRasterizer_RenderMesh(halden_queue* queue, const halden_mesh* mesh, float* heights,
+                                              float* triangle_ids, halden_mesh_rasterizer_parameters* parameters,
+                                              const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Fast blur.                                                                 */
+/*
+ * Blurs the size x size row-major grid in place with an almost-Gaussian
+ * filter: two running-sum box passes along the rows and two along the
+ * columns, each with full weight on the 2 trunc(radius) + 1 cells around a
+ * cell and weight radius - trunc(radius) on the next one either side, edge
+ * cells replicated. radius 12 is a 25-wide box per pass; larger radii blur
+ * more, at the same cost. Needs 12 bytes per cell of device memory.
+ *
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for a null
+ * queue or grid, a size outside [1, 46340], a radius that is not finite and
+ * positive, or a device error; the grid is then left as it was.
+ */
+HALDEN_API uint32_t Blur(halden_queue* queue, float* grid, int32_t size, float radius,
+                         const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -481,6 +576,11 @@ using Parameters = ::halden_flow_parameters;
 namespace lighting {
 using Parameters = ::halden_lighting_parameters;
 }  // namespace lighting
+
+namespace mesh_rasterizer {
+using Parameters = ::halden_mesh_rasterizer_parameters;
+using Mesh = ::halden_mesh;
+}  // namespace mesh_rasterizer
 #endif
 
 #endif /* HALDEN_HALDEN_H */

@@ -1,0 +1,343 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "modules/mesh_rasterizer/mesh_rasterizer.hpp"
+
+#include <cmath>
+#include <stdexcept>
+#include <vector>
+
+#include "core/bits.hpp"
+#include "core/math.hpp"
+
+namespace mesh_rasterizer {
+
+using halden::max_of;
+using halden::min_of;
+using halden::compute::queue;
+using halden::compute::range;
+using halden::compute::usm_ptr;
+
+halden_callbacks callbacks{};
+
+namespace {
+
+bool finite3(const float* v) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
+
+// Coordinates past this can only belong to triangles too large to render.
+constexpr float coordinate_limit = 1073741824.0f;
+
+// The coverage and depth rules, shared by every renderer.
+struct raster {
+    const vertex* vertices;
+    const triangle* triangles;
+    std::uint32_t vertex_count;
+    float* heights;
+    float* ids;
+    int width, height;
+
+    HALDEN_HD bool corners(std::uint32_t t, vertex& a, vertex& b, vertex& c) const {
+        const triangle tri = triangles[t];
+        if (tri.a >= vertex_count || tri.b >= vertex_count || tri.c >= vertex_count) return false;
+        a = vertices[tri.a];
+        b = vertices[tri.b];
+        c = vertices[tri.c];
+        return true;
+    }
+    // One winding only is drawn.
+    HALDEN_HD static bool culled(const vertex& a, const vertex& b, const vertex& c) {
+        return (c.y - a.y) * (b.x - a.x) + (a.x - c.x) * (b.y - a.y) > 0.0f;
+    }
+    HALDEN_HD static bool within_limits(const vertex& a, const vertex& b, const vertex& c) {
+        const float m = coordinate_limit;
+        return a.x > -m && a.x < m && a.y > -m && a.y < m && b.x > -m && b.x < m && b.y > -m && b.y < m &&
+               c.x > -m && c.x < m && c.y > -m && c.y < m;
+    }
+    // Tests cell (x, y) against the triangle enlarged by 0.5 % about its
+    // centroid and keeps the greater height; true when this triangle won.
+    template <bool Values>
+    HALDEN_HD bool write(const vertex& a, const vertex& b, const vertex& c, std::uint32_t t, int x, int y) const {
+        const float gx = ((a.x + b.x) + c.x) / 3.0f, gy = ((a.y + b.y) + c.y) / 3.0f;
+        const float ax = gx + 1.005f * (a.x - gx), ay = gy + 1.005f * (a.y - gy);
+        const float bx = gx + 1.005f * (b.x - gx), by = gy + 1.005f * (b.y - gy);
+        const float cx = gx + 1.005f * (c.x - gx), cy = gy + 1.005f * (c.y - gy);
+        const float e1x = bx - ax, e1y = by - ay, e2x = cx - ax, e2y = cy - ay;
+        const float qx = (float(x) + 0.5f) - ax, qy = (float(y) + 0.5f) - ay;
+        const float d00 = e1x * e1x + e1y * e1y, d11 = e2x * e2x + e2y * e2y, d01 = e1x * e2x + e1y * e2y;
+        const float den = d00 * d11 - d01 * d01;
+        const float d20 = qx * e1x + qy * e1y, d21 = qx * e2x + qy * e2y;
+        const float b1 = (d11 * d20 - d01 * d21) / den, b2 = (d00 * d21 - d01 * d20) / den;
+        const float b0 = 1.0f - b1 - b2;
+        // A degenerate triangle gives non-finite weights and covers nothing.
+        if (!(b0 >= 0.0f && b1 >= 0.0f && b2 >= 0.0f)) return false;
+        const float z = b0 * a.z + b1 * b.z + b2 * c.z;
+        const int i = y * width + x;
+        std::uint32_t* cell = reinterpret_cast<std::uint32_t*>(&heights[i]);
+        std::uint32_t seen = halden::float_bits(heights[i]);
+        while (z > halden::bits_float(seen)) {
+            const std::uint32_t found = halden::compute::atomic_compare_exchange(cell, seen, halden::float_bits(z));
+            if (found == seen) {
+                // A plain store after the won swap: a racing winner may name itself instead.
+                if (Values) ids[i] = triangle_value(t);
+                return true;
+            }
+            seen = found;
+        }
+        return false;
+    }
+};
+
+}  // namespace
+
+std::string check(const Mesh* mesh, const Parameters& p) {
+    if (!mesh) return "null mesh record";
+    if (mesh->vertex_count > 0 && !mesh->vertices) return "null vertex array";
+    if (mesh->triangle_count > 0 && !mesh->triangles) return "null triangle array";
+    const int limit = p.supersample ? max_side / 2 : max_side;
+    if (p.width < 1 || p.height < 1 || p.width > limit || p.height > limit)
+        return "width and height must lie in [1, " + std::to_string(limit) + "] (got " + std::to_string(p.width) + " x " +
+               std::to_string(p.height) + ")";
+    if (!finite3(p.centre) || !finite3(p.offset) || !std::isfinite(p.scale) || !std::isfinite(p.shift))
+        return "centre, scale, offset and shift must be finite";
+    if (!std::isfinite(p.depth_divisor) || p.depth_divisor == 0.0f) return "depth_divisor must be finite and not 0";
+    return {};
+}
+
+std::uint64_t memory_estimate(const Mesh& mesh, const Parameters& p) {
+    return 16u * std::uint64_t(mesh.vertex_count) + 16u * std::uint64_t(mesh.triangle_count) +
+           (p.supersample ? 52u : 16u) * std::uint64_t(p.width) * std::uint64_t(p.height);
+}
+
+MeshRasterizer::MeshRasterizer(queue& q, const Mesh& mesh, const Parameters& parameters, bool with_ids)
+    : m_queue(q),
+      m_parameters(parameters),
+      m_vertex_count(mesh.vertex_count),
+      m_triangle_count(mesh.triangle_count),
+      m_vertices(q, {std::size_t(mesh.vertex_count)}, "vertices"),
+      m_triangles(q, {std::size_t(mesh.triangle_count)}, "triangles"),
+      m_heights(q, halden::core::grid_extent(parameters.width, parameters.height), "rendered heights") {
+    // Packed host arrays into 16-byte device slots.
+    std::vector<vertex> v(mesh.vertex_count);
+    for (std::size_t i = 0; i < v.size(); ++i)
+        v[i] = {mesh.vertices[3 * i], mesh.vertices[3 * i + 1], mesh.vertices[3 * i + 2], 0.0f};
+    std::vector<triangle> t(mesh.triangle_count);
+    for (std::size_t i = 0; i < t.size(); ++i)
+        t[i] = {mesh.triangles[3 * i], mesh.triangles[3 * i + 1], mesh.triangles[3 * i + 2], 0u};
+    m_vertices.copy_from_host(v.data());
+    m_triangles.copy_from_host(t.data());
+    m_queue.synchronize();
+
+    float* h = m_heights.get();
+    const std::size_t cols = m_heights.extent().cols;
+    m_queue.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        h[row * cols + col] = lowest_height;
+    });
+    if (with_ids) {
+        m_ids = grid(q, m_heights.extent(), "triangle ids");
+        float* ids = m_ids.get();
+        m_queue.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            ids[row * cols + col] = no_triangle;
+        });
+    }
+}
+
+MeshRasterizer::~MeshRasterizer() {
+    try {
+        m_queue.synchronize();
+    } catch (...) {
+    }
+}
+
+void MeshRasterizer::process_vertices() {
+    vertex* v = m_vertices.get();
+    const Parameters& p = m_parameters;
+    const vertex c{p.centre[0], p.centre[1], p.centre[2], 0.0f};
+    const float s = p.scale, ox = p.offset[0], oy = p.offset[1], oz = p.offset[2], dz = p.depth_divisor;
+    m_queue.parallel_for(range<1>{m_vertices.size()}, HALDEN_KERNEL(std::size_t i) {
+        const float wx = v[i].x - c.x, wy = v[i].y - c.y, wz = v[i].z - c.z;
+        v[i] = {s * wx + ox, s * wy + oy, (s * wz + oz) / dz, 0.0f};
+    });
+    // The second pass: one offset off every component, then the doubling of
+    // a supersampled render.
+    const float shift = p.shift, grid_scale = p.supersample ? 2.0f : 1.0f;
+    m_queue.parallel_for(range<1>{m_vertices.size()}, HALDEN_KERNEL(std::size_t i) {
+        v[i] = {(v[i].x - shift) * grid_scale, (v[i].y - shift) * grid_scale, v[i].z - shift, 0.0f};
+    });
+}
+
+template <bool Heights, bool Values, bool Third, bool Ids>
+std::uint64_t MeshRasterizer::render(float max_size) {
+    static_assert(Heights && Third && !Ids, "the fragment renderer writes heights (and values)");
+    const std::size_t count = m_triangles.size();
+    if (count == 0) return 0;
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_ids.get(),
+                   halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
+    const float limit = std::trunc(max_size) * std::trunc(max_size);
+
+    // Pass 1: fragments per triangle, from a floor/ceiling box.
+    usm_ptr<std::uint32_t, 1> counts(m_queue, {count}, "fragment counts");
+    std::uint32_t* d_counts = counts.get();
+    m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
+        vertex a, b, c;
+        std::uint32_t n = 0;
+        if (r.corners(std::uint32_t(i), a, b, c) && !raster::culled(a, b, c) && raster::within_limits(a, b, c)) {
+            const float x0 = floorf(min_of(min_of(a.x, b.x), c.x)), x1 = ceilf(max_of(max_of(a.x, b.x), c.x));
+            const float y0 = floorf(min_of(min_of(a.y, b.y), c.y)), y1 = ceilf(max_of(max_of(a.y, b.y), c.y));
+            const float area = fabsf((x1 - x0 + 1.0f) * (y1 - y0 + 1.0f));
+            if (area < limit) n = std::uint32_t(area);
+        }
+        d_counts[i] = n;
+    });
+
+    // Inclusive prefix in 32-bit arithmetic, entries sign-extended.
+    std::vector<std::uint32_t> h_counts(count);
+    counts.copy_to_host(h_counts.data());
+    m_queue.synchronize();
+    std::vector<std::int64_t> prefix(count);
+    std::uint32_t running = 0;
+    std::uint64_t exact = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        running += h_counts[i];
+        exact += h_counts[i];
+        prefix[i] = std::int64_t(std::int32_t(running));
+    }
+    if (exact > 0x7FFFFFFFu)
+        throw std::length_error("the mesh covers " + std::to_string(exact) + " fragments, more than 2^31 - 1");
+    if (exact == 0) return 0;
+    usm_ptr<std::int64_t, 1> d_prefix_owner(m_queue, {count}, "fragment prefix");
+    d_prefix_owner.copy_from_host(prefix.data());
+    const std::int64_t* d_prefix = d_prefix_owner.get();
+    const std::size_t triangles = count;
+
+    // Pass 2: one item per fragment, over a box anchored by truncation.
+    m_queue.parallel_for(range<1>{std::size_t(exact)}, HALDEN_KERNEL(std::size_t f) {
+        std::size_t lo = 0, hi = triangles;
+        while (lo < hi) {
+            const std::size_t mid = (lo + hi) / 2;
+            if (d_prefix[mid] > std::int64_t(f))
+                hi = mid;
+            else
+                lo = mid + 1;
+        }
+        const std::uint32_t t = std::uint32_t(lo);
+        const std::int64_t local = std::int64_t(f) - (t > 0 ? d_prefix[t - 1] : 0);
+        vertex a, b, c;
+        // Triangles with fragments passed the index check in pass 1.
+        if (!r.corners(t, a, b, c)) return;
+        const int x0 = int(min_of(min_of(a.x, b.x), c.x)), y0 = int(min_of(min_of(a.y, b.y), c.y));
+        const int bw = int(max_of(max_of(a.x, b.x), c.x)) - x0 + 1;
+        const int x = x0 + int(local % bw), y = y0 + int(local / bw);
+        if (x < 0 || x >= r.width || y < 0 || y >= r.height) return;
+        r.template write<Values>(a, b, c, t, x, y);
+    });
+    return exact;
+}
+
+template std::uint64_t MeshRasterizer::render<true, false, true, false>(float);
+template std::uint64_t MeshRasterizer::render<true, true, true, false>(float);
+
+namespace {
+
+// The clamped floor/ceiling box of a triangle; false when it is empty.
+HALDEN_HD bool clamped_box(const vertex& a, const vertex& b, const vertex& c, int w, int h, int& x0, int& y0, int& bw,
+                           int& bh) {
+    const float fx0 = floorf(min_of(min_of(a.x, b.x), c.x)), fx1 = ceilf(max_of(max_of(a.x, b.x), c.x));
+    const float fy0 = floorf(min_of(min_of(a.y, b.y), c.y)), fy1 = ceilf(max_of(max_of(a.y, b.y), c.y));
+    if (!(fx1 >= 0.0f && fy1 >= 0.0f && fx0 <= float(w - 1) && fy0 <= float(h - 1))) return false;
+    x0 = fx0 < 0.0f ? 0 : int(fx0);
+    y0 = fy0 < 0.0f ? 0 : int(fy0);
+    const int x1 = fx1 > float(w - 1) ? w - 1 : int(fx1), y1 = fy1 > float(h - 1) ? h - 1 : int(fy1);
+    bw = x1 - x0 + 1;
+    bh = y1 - y0 + 1;
+    return bw > 0 && bh > 0;
+}
+
+}  // namespace
+
+template <bool Heights, bool Values, bool Third, bool Ids>
+void MeshRasterizer::render3(std::uint32_t* identifiers) {
+    const std::size_t count = m_triangles.size();
+    if (count == 0) return;
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_ids.get(),
+                   halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
+    constexpr std::uint32_t group = 64;
+    m_queue.parallel_for_work_group<float>(
+        halden::compute::nd_range{{1, count}, {1, group}}, 0,
+        HALDEN_KERNEL(const halden::compute::group_item& it, float*) {
+            const std::uint32_t t = it.group_col;
+            vertex a, b, c;
+            if (!r.corners(t, a, b, c) || raster::culled(a, b, c)) return;
+            int x0, y0, bw, bh;
+            if (!clamped_box(a, b, c, r.width, r.height, x0, y0, bw, bh)) return;
+            const std::int64_t cells = std::int64_t(bw) * bh;
+            for (std::int64_t i = it.local_linear(); i < cells; i += it.local_size()) {
+                const int x = x0 + int(i % bw), y = y0 + int(i / bw);
+                if (Ids)
+                    identifiers[y * r.width + x] = t;
+                else if (Heights)
+                    r.template write<Values>(a, b, c, t, x, y);
+            }
+        });
+}
+
+template <bool Heights, bool Values, bool Third, bool Ids>
+void MeshRasterizer::render3_cpu(std::uint32_t* identifiers) {
+    const std::size_t count = m_triangles.size();
+    if (count == 0) return;
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_ids.get(),
+                   halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
+    m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
+        const std::uint32_t t = std::uint32_t(i);
+        vertex a, b, c;
+        if (!r.corners(t, a, b, c) || raster::culled(a, b, c)) return;
+        int x0, y0, bw, bh;
+        if (!clamped_box(a, b, c, r.width, r.height, x0, y0, bw, bh)) return;
+        for (int y = y0; y < y0 + bh; ++y)
+            for (int x = x0; x < x0 + bw; ++x) {
+                if (Ids)
+                    identifiers[y * r.width + x] = t;
+                else if (Heights)
+                    r.template write<Values>(a, b, c, t, x, y);
+            }
+    });
+}
+
+template void MeshRasterizer::render3<true, false, true, false>(std::uint32_t*);
+template void MeshRasterizer::render3<true, true, true, false>(std::uint32_t*);
+template void MeshRasterizer::render3<false, false, false, true>(std::uint32_t*);
+template void MeshRasterizer::render3_cpu<true, false, true, false>(std::uint32_t*);
+template void MeshRasterizer::render3_cpu<true, true, true, false>(std::uint32_t*);
+template void MeshRasterizer::render3_cpu<false, false, false, true>(std::uint32_t*);
+
+void MeshRasterizer::reduce_supersampled(float* h_heights, float* h_ids, int width, int height) {
+    grid heights(m_queue, halden::core::grid_extent(width, height), "reduced heights");
+    grid ids;
+    if (h_ids && m_ids.get()) ids = grid(m_queue, heights.extent(), "reduced ids");
+    const float* src = m_heights.get();
+    const float* src_ids = m_ids.get();
+    float* dst = heights.get();
+    float* dst_ids = ids.get();
+    const std::size_t w = std::size_t(width), wide = 2 * w;
+    m_queue.parallel_for(heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::size_t cells[4] = {2 * row * wide + 2 * col, 2 * row * wide + 2 * col + 1,
+                                      (2 * row + 1) * wide + 2 * col, (2 * row + 1) * wide + 2 * col + 1};
+        std::size_t best = cells[0];
+        for (int k = 1; k < 4; ++k)
+            if (src[cells[k]] > src[best]) best = cells[k];
+        dst[row * w + col] = src[best];
+        if (dst_ids) dst_ids[row * w + col] = src_ids[best];
+    });
+    m_queue.synchronize();
+    if (m_queue.has_pending_errors()) return;
+    heights.copy_to_host(h_heights);
+    if (ids.get()) ids.copy_to_host(h_ids);
+    m_queue.synchronize();
+}
+
+void MeshRasterizer::copy_out(float* h_heights, float* h_ids) {
+    m_queue.synchronize();
+    if (m_queue.has_pending_errors()) return;
+    m_heights.copy_to_host(h_heights);
+    if (h_ids && m_ids.get()) m_ids.copy_to_host(h_ids);
+    m_queue.synchronize();
+}
+
+}  // namespace mesh_rasterizer

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+// Triangle meshes rendered into a height field: every cell takes the
+// greatest height of the triangles covering its centre, and optionally a
+// random value that names the winning triangle.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "compute/compute.hpp"
+#include "core/grid.hpp"
+#include "halden/halden.h"
+
+namespace mesh_rasterizer {
+
+using halden::core::grid;
+
+// The module's copy of the caller's callback record, replaced on every call.
+extern halden_callbacks callbacks;
+
+// 16-byte device slots.
+struct vertex {
+    float x, y, z, w;
+};
+struct triangle {
+    std::uint32_t a, b, c, pad;
+};
+
+inline constexpr float lowest_height = -3.4028235e38f;
+inline constexpr float no_triangle = -1.0f;
+inline constexpr float size_limit = 16384.0f;
+inline constexpr int max_side = 16384;
+
+// Why a mesh and record cannot be run, or empty when they can.
+std::string check(const Mesh* mesh, const Parameters& p);
+std::uint64_t memory_estimate(const Mesh& mesh, const Parameters& p);
+
+// The value in [0, 1) that names triangle t in the id grid.
+HALDEN_HD inline float triangle_value(std::uint32_t t) {
+    std::uint32_t s = t != 0 ? t : 0xA2351342u;
+    s ^= s << 13;
+    s ^= s >> 17;
+    s ^= s << 5;
+    return float(std::uint32_t(s * 625341313u - 1u)) * 0x1p-32f;
+}
+
+class MeshRasterizer {
+public:
+    // Copies the mesh to the device and clears the output grids (of the
+    // record's size, already doubled for supersampling).
+    MeshRasterizer(halden::compute::queue& q, const Mesh& mesh, const Parameters& parameters, bool with_ids);
+    ~MeshRasterizer();
+    MeshRasterizer(const MeshRasterizer&) = delete;
+    MeshRasterizer& operator=(const MeshRasterizer&) = delete;
+
+    // Brings the vertices into grid coordinates (column, row, height).
+    void process_vertices();
+
+    // Fragment-parallel rendering: a count per triangle, a prefix sum on the
+    // host, then one work item per fragment. Heights: write with the depth
+    // rule; Values: write the winning triangle's value (with Heights);
+    // Ids: not used by this renderer. Returns the fragment count.
+    template <bool Heights, bool Values, bool Third, bool Ids>
+    std::uint64_t render(float max_size);
+
+    // One work-group per triangle striding over its clamped box (devices),
+    // or one item per triangle (render3_cpu, for the host back-end). Same
+    // coverage and depth as render. With Ids, stores the triangle index plus
+    // one as an identifier without a depth test into `identifiers`.
+    template <bool Heights, bool Values, bool Third, bool Ids>
+    void render3(std::uint32_t* identifiers = nullptr);
+    template <bool Heights, bool Values, bool Third, bool Ids>
+    void render3_cpu(std::uint32_t* identifiers = nullptr);
+
+    // Reduces each 2 x 2 block into the caller's grids (half the size):
+    // heights by the maximum, ids by the id of the maximum's cell.
+    void reduce_supersampled(float* h_heights, float* h_ids, int width, int height);
+    // Copies the grids to the caller's arrays.
+    void copy_out(float* h_heights, float* h_ids);
+
+    const grid& heights() const { return m_heights; }
+    const grid& ids() const { return m_ids; }
+
+private:
+    halden::compute::queue& m_queue;
+    Parameters m_parameters;
+    std::uint32_t m_vertex_count, m_triangle_count;
+    halden::compute::usm_ptr<vertex, 1> m_vertices;
+    halden::compute::usm_ptr<triangle, 1> m_triangles;
+    grid m_heights, m_ids;
+};
+
+}  // namespace mesh_rasterizer
