@@ -20,6 +20,14 @@ halden_callbacks callbacks{};
 
 namespace {
 
+// FIXME(cuda): nvcc takes no device lambdas inside constructors, so the
+// constructor clears its grids through this.
+void fill(grid& g, float value) {
+    float* d = g.get();
+    const std::size_t cols = g.extent().cols;
+    g.get_queue().parallel_for(g.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) { d[row * cols + col] = value; });
+}
+
 bool finite3(const float* v) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
 
 // Coordinates past this can only belong to triangles too large to render.
@@ -125,17 +133,10 @@ MeshRasterizer::MeshRasterizer(queue& q, const Mesh& mesh, const Parameters& par
     m_triangles.copy_from_host(t.data());
     m_queue.synchronize();
 
-    float* h = m_heights.get();
-    const std::size_t cols = m_heights.extent().cols;
-    m_queue.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-        h[row * cols + col] = lowest_height;
-    });
+    fill(m_heights, lowest_height);
     if (with_ids) {
         m_ids = grid(q, m_heights.extent(), "triangle ids");
-        float* ids = m_ids.get();
-        m_queue.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            ids[row * cols + col] = no_triangle;
-        });
+        fill(m_ids, no_triangle);
     }
 }
 
