@@ -16,16 +16,7 @@ extern "C" HALDEN_API uint32_t FlowSimulation(halden_queue* queue, uint64_t no_m
         return HALDEN_STATUS_DEVICE_ERROR;
     }
     const flow::Parameters p = *parameters;
-    std::string problem;
-    try {
-        problem = flow::check(p);
-    } catch (...) {
-        problem = "the record could not be checked";
-    }
-    if (!problem.empty()) {
-        api::reject(f, (problem + "; the flow grid is left unchanged").c_str());
-        return HALDEN_STATUS_DEVICE_ERROR;
-    }
+    if (!api::accept(f, [&] { return flow::check(p); }, "the flow grid is left unchanged")) return HALDEN_STATUS_DEVICE_ERROR;
     f.need_bytes = flow::memory_estimate(p);
     return api::run(*queue, f, [&] {
         flow::Flow simulation(queue->queue, p, no_mask, heights, map);

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <string>
 
 #include "compute/compute.hpp"
 #include "device/messages.hpp"
@@ -57,5 +58,26 @@ std::uint32_t run(halden_queue& q, const frame& f, Body&& body) noexcept {
 
 // Sends "<operation>: <problem>" through the frame's error channel.
 void reject(const frame& f, const char* problem) noexcept;
+
+// Runs a record check (which returns why the record cannot run, or an empty
+// text); a refusal is sent as "<operation>: <why>; <consequence>". True when
+// the record may run.
+template <class Check>
+bool accept(const frame& f, Check&& check, const char* consequence) noexcept {
+    std::string problem;
+    try {
+        problem = check();
+    } catch (...) {
+        problem = "the record could not be checked";
+    }
+    if (problem.empty()) return true;
+    try {
+        problem += "; ";
+        problem += consequence;
+    } catch (...) {
+    }
+    reject(f, problem.c_str());
+    return false;
+}
 
 }  // namespace halden::api

@@ -16,16 +16,7 @@ extern "C" HALDEN_API uint32_t MeshRasterizer_RenderMesh(halden_queue* queue, co
         return HALDEN_STATUS_DEVICE_ERROR;
     }
     const mesh_rasterizer::Parameters p = *parameters;
-    std::string problem;
-    try {
-        problem = mesh_rasterizer::check(mesh, p);
-    } catch (...) {
-        problem = "the record could not be checked";
-    }
-    if (!problem.empty()) {
-        api::reject(f, (problem + "; the grids are left unchanged").c_str());
-        return HALDEN_STATUS_DEVICE_ERROR;
-    }
+    if (!api::accept(f, [&] { return mesh_rasterizer::check(mesh, p); }, "the grids are left unchanged")) return HALDEN_STATUS_DEVICE_ERROR;
     f.need_bytes = mesh_rasterizer::memory_estimate(*mesh, p);
     return api::run(*queue, f, [&] {
         mesh_rasterizer::Parameters rendered = p;

@@ -17,17 +17,12 @@ extern "C" HALDEN_API uint32_t Shade(halden_queue* queue, const float* heights, 
         return HALDEN_STATUS_DEVICE_ERROR;
     }
     const lighting::Parameters p = *parameters;
-    std::string problem;
-    try {
-        problem = lighting::check(p);
+    const auto check = [&]() -> std::string {
+        std::string problem = lighting::check(p);
         if (problem.empty() && lighting::switches(p).caller_ao && !ao) problem = "ao_from_caller needs an ao grid";
-    } catch (...) {
-        problem = "the record could not be checked";
-    }
-    if (!problem.empty()) {
-        api::reject(f, (problem + "; nothing is written").c_str());
-        return HALDEN_STATUS_DEVICE_ERROR;
-    }
+        return problem;
+    };
+    if (!api::accept(f, check, "nothing is written")) return HALDEN_STATUS_DEVICE_ERROR;
     f.need_bytes = lighting::memory_estimate(p);
     return api::run(*queue, f, [&] {
         lighting::LightingSYCL shading(queue->queue, p,

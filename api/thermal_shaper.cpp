@@ -15,16 +15,7 @@ extern "C" HALDEN_API uint32_t ThermalShaper_Process(halden_queue* queue, float*
         return HALDEN_STATUS_DEVICE_ERROR;
     }
     const thermal_shaper::Parameters p = *parameters;
-    std::string problem;
-    try {
-        problem = thermal_shaper::check(p);
-    } catch (...) {
-        problem = "the record could not be checked";
-    }
-    if (!problem.empty()) {
-        api::reject(f, (problem + "; the heights are left unchanged").c_str());
-        return HALDEN_STATUS_DEVICE_ERROR;
-    }
+    if (!api::accept(f, [&] { return thermal_shaper::check(p); }, "the heights are left unchanged")) return HALDEN_STATUS_DEVICE_ERROR;
     f.need_bytes = thermal_shaper::memory_estimate(p, mask != nullptr);
     return api::run(*queue, f, [&] {
         thermal_shaper::ThermalShaper shaper(queue->queue, heights, mask, p);

@@ -16,6 +16,7 @@
 
 namespace {
 
+using halden::test::expect_same_bits;
 using halden::core::grid;
 using halden::test::download;
 using halden::test::first_difference;
@@ -41,12 +42,6 @@ std::vector<float> hills(int w, int h) {
             v[std::size_t(y) * w + x] =
                 40.0f * std::sin(0.05f * x) * std::cos(0.04f * y) + 0.2f * x + 3.0f * std::sin(0.4f * x + 0.3f * y);
     return v;
-}
-
-void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want) {
-    ASSERT_EQ(got.size(), want.size());
-    const long long i = first_difference(got, want);
-    EXPECT_EQ(i, -1) << "cell " << i << ": got " << hex(got[std::size_t(i)]) << ", want " << hex(want[std::size_t(i)]);
 }
 
 // ---------------------------------------------------------------------------

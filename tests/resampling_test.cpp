@@ -15,6 +15,7 @@
 
 namespace {
 
+using halden::test::expect_same_bits;
 using halden::core::grid;
 using halden::core::grid_buffer;
 using halden::test::download;
@@ -70,13 +71,6 @@ struct ref {
         return out;
     }
 };
-
-void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want) {
-    ASSERT_EQ(got.size(), want.size());
-    const long long i = first_difference(got, want);
-    EXPECT_EQ(i, -1) << "cell " << i << ": got " << halden::test::hex(got[std::size_t(i)]) << ", want "
-                     << halden::test::hex(want[std::size_t(i)]);
-}
 
 TEST_P(Resampling, DownsampleBoxAveragesAndIgnoresTheOddTail) {
     // 5 x 5, row 4 and column 4 poisoned: they must never be read.

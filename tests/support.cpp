@@ -112,6 +112,13 @@ std::string hex(float x) {
     return s.str();
 }
 
+void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want) {
+    ASSERT_EQ(got.size(), want.size());
+    const long long i = first_difference(got, want);
+    EXPECT_EQ(i, -1) << "cell " << i << ": got " << hex(got[std::size_t(i)]) << ", want "
+                     << hex(want[std::size_t(i)]);
+}
+
 std::string device_name(const ::testing::TestParamInfo<std::string>& info) {
     return info.param == "cpu" ? "Cpu" : "Cuda";
 }

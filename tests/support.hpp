@@ -82,4 +82,7 @@ std::vector<float> random_cells(int w, int h, unsigned seed);
 // Values of a float grid for failure messages: "1.5 (0x3fc00000)".
 std::string hex(float x);
 
+// Expects the same bits in every cell; names the first cell that differs.
+void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want);
+
 }  // namespace halden::test

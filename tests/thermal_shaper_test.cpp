@@ -17,6 +17,7 @@
 
 namespace {
 
+using halden::test::expect_same_bits;
 using halden::core::grid;
 using halden::test::download;
 using halden::test::first_difference;
@@ -37,12 +38,6 @@ std::vector<float> terrain(int w, int h, unsigned seed) {
         for (int x = 0; x < w; ++x)
             v[std::size_t(y) * w + x] = 12.0f * std::sin(0.11f * x) * std::cos(0.07f * y) + 4.0f * std::sin(0.5f * x + 0.3f * y) + noise(rng);
     return v;
-}
-
-void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want) {
-    ASSERT_EQ(got.size(), want.size());
-    const long long i = first_difference(got, want);
-    EXPECT_EQ(i, -1) << "cell " << i << ": got " << hex(got[std::size_t(i)]) << ", want " << hex(want[std::size_t(i)]);
 }
 
 // ---------------------------------------------------------------------------
