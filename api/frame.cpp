@@ -57,7 +57,7 @@ std::uint32_t report_current_exception(halden_queue& q, const frame& f) noexcept
     } catch (const std::exception& e) {
         send_error(out, format("Error: {}", {e.what()}));
     } catch (...) {
-        send_error(out, "Error: unknown exception");
+        send_error(out, f.unknown_error);
     }
     return HALDEN_STATUS_DEVICE_ERROR;
 }

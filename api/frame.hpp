@@ -27,6 +27,8 @@ struct frame {
     halden_callbacks* module_callbacks = nullptr;
     const halden_callbacks* caller_callbacks = nullptr;
     std::uint64_t need_bytes = 0;
+    // Sent for an exception of no known type.
+    const char* unknown_error = "Error: unknown exception";
 };
 
 // The byte count announced through slot 5 and released through slot 6.

@@ -12,6 +12,7 @@ extern "C" HALDEN_API uint32_t Shade(halden_queue* queue, const float* heights, 
                                      const halden_lighting_parameters* parameters,
                                      const halden_callbacks* callbacks) noexcept {
     api::frame f{"Shade", &lighting::callbacks, callbacks};
+    f.unknown_error = "Unknown exception occurred.";
     if (!queue || !heights || !parameters) {
         api::reject(f, !queue ? "null queue" : (!heights ? "null height grid" : "null parameter record"));
         return HALDEN_STATUS_DEVICE_ERROR;
