@@ -78,19 +78,6 @@ public:
     // Frees the coarser levels once this one has been rebuilt from them.
     void release_coarser() { m_coarser.reset(); }
 
-    // The coarsest level of the chain below (or this one).
-    Level& coarsest() {
-        Level* l = static_cast<Level*>(this);
-        while (l->coarser()) l = l->coarser();
-        return *l;
-    }
-    // The level one finer than `target` in the chain starting here, or null.
-    Level* finer_than(const Level& target) {
-        for (Level* l = static_cast<Level*>(this); l; l = l->coarser())
-            if (l->coarser() == &target) return l;
-        return nullptr;
-    }
-
 protected:
     ~laplacian_level() = default;
 

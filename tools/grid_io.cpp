@@ -168,7 +168,7 @@ bool read_grid(const std::string& path, uint32_t width, Grid& grid, std::string&
     }
 }
 
-bool write_grid(const std::string& path, const Grid& grid, std::string& error) {
+bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {
     // Next to the target, so the rename stays within one file system.
     const std::string temp = path + ".tmp." + std::to_string(::getpid());
     File f(std::fopen(temp.c_str(), "wbx"));
@@ -176,20 +176,7 @@ bool write_grid(const std::string& path, const Grid& grid, std::string& error) {
         error = path + ": " + std::strerror(errno);
         return false;
     }
-    bool ok = true;
-    if (has_npy_extension(path)) {
-        std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(grid.height) + ", " +
-                             std::to_string(grid.width) + "), }";
-        // Pad with spaces and a newline so the data starts on a 64-byte boundary.
-        const size_t total = (10 + header.size() + 1 + 63) / 64 * 64;
-        header.append(total - 10 - header.size() - 1, ' ');
-        header += '\n';
-        const unsigned char lead[10] = {0x93, 'N', 'U', 'M', 'P', 'Y', 1, 0,
-                                        static_cast<unsigned char>(header.size() & 0xff),
-                                        static_cast<unsigned char>(header.size() >> 8)};
-        ok = write_all(f.get(), lead, sizeof lead) && write_all(f.get(), header.data(), header.size());
-    }
-    ok = ok && write_all(f.get(), grid.cells.data(), grid.cells.size() * sizeof(float));
+    bool ok = write(f.get());
     ok = std::fflush(f.get()) == 0 && ok;
     // Closing reports write errors that buffering deferred.
     ok = std::fclose(f.release()) == 0 && ok;
@@ -202,4 +189,25 @@ bool write_grid(const std::string& path, const Grid& grid, std::string& error) {
     }
     std::remove(temp.c_str());
     return false;
+}
+
+bool write_grid(const std::string& path, const Grid& grid, std::string& error) {
+    return write_file_replacing(
+        path,
+        [&](std::FILE* f) {
+            if (has_npy_extension(path)) {
+                std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" +
+                                     std::to_string(grid.height) + ", " + std::to_string(grid.width) + "), }";
+                // Pad with spaces and a newline so the data starts on a 64-byte boundary.
+                const size_t total = (10 + header.size() + 1 + 63) / 64 * 64;
+                header.append(total - 10 - header.size() - 1, ' ');
+                header += '\n';
+                const unsigned char lead[10] = {0x93, 'N', 'U', 'M', 'P', 'Y', 1, 0,
+                                                static_cast<unsigned char>(header.size() & 0xff),
+                                                static_cast<unsigned char>(header.size() >> 8)};
+                if (!write_all(f, lead, sizeof lead) || !write_all(f, header.data(), header.size())) return false;
+            }
+            return write_all(f, grid.cells.data(), grid.cells.size() * sizeof(float));
+        },
+        error);
 }

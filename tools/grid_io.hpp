@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,11 @@ bool has_npy_extension(const std::string& path);
 // not checked against a .npy shape: the caller knows what it asked for. On
 // failure sets `error`.
 bool read_grid(const std::string& path, uint32_t width, Grid& grid, std::string& error);
+
+// Writes `path` through a temporary file in the same directory that `write`
+// fills and that is renamed over `path` only when everything was written, so
+// an existing file is replaced only by complete content.
+bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error);
 
 // Writes .npy (v1.0, '<f4') when the name ends in .npy, raw float32 otherwise.
 // Goes through a temporary file in the same directory that is renamed over

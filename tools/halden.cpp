@@ -565,6 +565,15 @@ int read_input(const std::string& path, uint32_t width, Grid& grid) {
 
 // Opens a queue on `device` ("cpu", "gpu" or a key) and sets `key` to the key
 // of the device it resolved to. Returns kOk, or kDevice after a message.
+// Reads --device (default "cpu") into `device`; false after a usage message.
+bool device_option(const Args& args, std::string& device) {
+    const auto it = args.values.find("--device");
+    device = it != args.values.end() ? it->second : "cpu";
+    if (!device.empty()) return true;
+    fail(kUsage, "--device needs a value");
+    return false;
+}
+
 int open_queue(const std::string& device, halden_queue*& queue, std::string& key) {
     key = device;
     if (device == "gpu") {
@@ -857,8 +866,8 @@ int cmd_median(int argc, char** argv) {
     if (!number_option(args, "--radius", 1, 8, radius) || !number_option(args, "--iterations", 0, 1000000, iterations) ||
         !number_option(args, "--size", 1, UINT32_MAX, size))
         return kUsage;
-    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
-    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 
@@ -908,8 +917,8 @@ int cmd_thermal(int argc, char** argv) {
         !float_option(args, "--extent", Range::kPositive, extent) ||
         !float_option(args, "--level-factor", Range::kPositive, level_factor))
         return kUsage;
-    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
-    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
     std::string mask_path;
     if (!mask_option(args, mask_path)) return kUsage;
     const std::string& in = args.positional[0];
@@ -966,8 +975,8 @@ int cmd_flow(int argc, char** argv) {
         !float_option(args, "--accumulation", Range::kAny, accumulation) ||
         !number_option(args, "--seed", 0, UINT32_MAX, seed))
         return kUsage;
-    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
-    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
     std::string mask_path;
     if (!mask_option(args, mask_path)) return kUsage;
     const bool quiet = args.switches.count("--quiet") != 0, json = args.switches.count("--json") != 0;
@@ -1074,8 +1083,8 @@ int cmd_shade(int argc, char** argv) {
     // With a switch off the library computes nothing to write.
     if (!shadow_path.empty() && !lighting.shadows) return fail(kUsage, "--shadow has nothing to write with --no-shadows");
     if (!ao_path.empty() && !lighting.sky_visibility) return fail(kUsage, "--ao-out has nothing to write with --no-ao");
-    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
-    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
     if (!has_png_extension(out)) return fail(kUsage, "%s: OUT must be a .png file", out.c_str());
@@ -1151,8 +1160,8 @@ int cmd_blur(int argc, char** argv) {
     float radius = 12.0f;
     if (!float_option(args, "--radius", Range::kPositive, radius) || !number_option(args, "--size", 1, UINT32_MAX, size))
         return kUsage;
-    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
-    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 
@@ -1231,8 +1240,8 @@ int cmd_rasterize(int argc, char** argv) {
     if (!size_pair_option(args, max_side, width, height)) return kUsage;
     std::string ids_path;
     if (!path_option(args, "--ids", ids_path)) return kUsage;
-    const auto device = args.values.count("--device") ? args.values.at("--device") : std::string("cpu");
-    if (device.empty()) return fail(kUsage, "--device needs a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 

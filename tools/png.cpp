@@ -4,19 +4,12 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
-#include <unistd.h>
+#include "grid_io.hpp"
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // CRC-32 of ISO 3309 (reflected polynomial 0xEDB88320), which every PNG chunk ends with.
 const std::array<uint32_t, 256>& crc_table() {
@@ -200,24 +193,6 @@ bool write_png_rgb(const std::string& path, uint32_t width, uint32_t height, con
                 std::to_string(height) + " RGB pixels";
         return false;
     }
-    // Next to the target, so the rename stays within one file system.
-    const std::string temp = path + ".tmp." + std::to_string(::getpid());
-    File f(std::fopen(temp.c_str(), "wbx"));
-    if (!f) {
-        error = path + ": " + std::strerror(errno);
-        return false;
-    }
-    bool ok = write_png_file(f.get(), width, height, rgb);
-    ok = std::fflush(f.get()) == 0 && ok;
-    // Closing reports write errors that buffering deferred.
-    ok = std::fclose(f.release()) == 0 && ok;
-    if (!ok) {
-        error = temp + ": " + std::strerror(errno);
-    } else if (std::rename(temp.c_str(), path.c_str()) != 0) {
-        error = path + ": " + std::strerror(errno);
-    } else {
-        return true;
-    }
-    std::remove(temp.c_str());
-    return false;
+    return write_file_replacing(
+        path, [&](std::FILE* f) { return write_png_file(f, width, height, rgb); }, error);
 }

@@ -456,7 +456,6 @@ void LightingSYCL::compute_hybrid_ao() {
     q.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
         d_ao[row * std::size_t(w) + col] = d_mid[row * std::size_t(w) + col].z;
     });
-    q.synchronize();
 }
 
 void LightingSYCL::compose_light() {
@@ -503,7 +502,6 @@ bool LightingSYCL::run() {
         jitters.copy_from_host(m_sky.jitters.data());
         raytrace_ao(m_queue, m_heights.get(), m_normals.get(), m_photons.get(), m_ao.get(), directions, jitters, m_width,
                     m_parameters.terrain_size, m_parameters.height_scale);
-        m_queue.synchronize();
     }
     if (m_on.hybrid_ao) compute_hybrid_ao();
 

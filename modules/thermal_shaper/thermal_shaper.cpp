@@ -134,7 +134,8 @@ void ThermalShaper::process() {
     m_amount = amount;
 
     std::vector<LaplacianLevel*> chain{m_finest.get()};
-    for (int i = 1; i < plan::levels(plan::level_count(p)); ++i) chain.push_back(&chain.back()->create_subsequent_level());
+    // The finest level's depth is the level count less one.
+    for (int i = 0; i < m_finest->depth(); ++i) chain.push_back(&chain.back()->create_subsequent_level());
     m_level_weight = plan::level_weight(int(chain.size()), amount, m_level_weight);
 
     const auto shape = [&](LaplacianLevel& level) {
