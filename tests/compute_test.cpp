@@ -16,6 +16,8 @@ namespace {
 
 class Compute : public halden::test::BackendTest {};
 
+struct counters { float f; std::int32_t i; std::uint32_t u; };
+
 std::vector<std::int32_t> to_host(queue& q, const usm_ptr<std::int32_t, 1>& d) {
     std::vector<std::int32_t> h(d.size());
     d.copy_to_host(h.data());
@@ -30,7 +32,7 @@ TEST_P(Compute, RangesVisitEveryIndexExactlyOnce) {
     for (range<2> r : shapes) {
         SCOPED_TRACE(std::to_string(r.rows) + "x" + std::to_string(r.cols));
         usm_ptr<std::int32_t, 1> visits(*q, {r.count()});
-        std::vector<std::int32_t> zero(r.count(), 0);
+        const std::vector<std::int32_t> zero(r.count(), 0);
         visits.copy_from_host(zero.data());
         std::int32_t* d = visits.get();
         const std::size_t cols = r.cols;
@@ -67,36 +69,23 @@ TEST_P(Compute, WorkGroupsShareLocalMemoryAcrossABarrier) {
 }
 
 TEST_P(Compute, AtomicsCountEveryUpdate) {
+    counters h{0.0f, 0, 0u};
     const std::size_t n = 100000;
-    usm_ptr<float, 1> f(*q, {1});
-    usm_ptr<std::int32_t, 1> i(*q, {1});
-    usm_ptr<std::uint32_t, 1> u(*q, {1});
-    const float f0 = 0.0f;
-    const std::int32_t i0 = 0;
-    const std::uint32_t u0 = 0;
-    f.copy_from_host(&f0);
-    i.copy_from_host(&i0);
-    u.copy_from_host(&u0);
-    float* d_f = f.get();
-    std::int32_t* d_i = i.get();
-    std::uint32_t* d_u = u.get();
+    usm_ptr<counters, 1> c(*q, {1});
+    c.copy_from_host(&h);
+    counters* d = c.get();
     q->parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t) {
-        atomic_add(d_f, 1.0f);
-        atomic_add(d_i, -2);
+        atomic_add(&d->f, 1.0f);
+        atomic_add(&d->i, -2);
         // Increment through compare-and-swap, retrying on contention.
-        std::uint32_t seen = *static_cast<volatile std::uint32_t*>(d_u), prev;
-        while ((prev = atomic_compare_exchange(d_u, seen, seen + 1)) != seen) seen = prev;
+        std::uint32_t seen = *static_cast<volatile std::uint32_t*>(&d->u), prev;
+        while ((prev = atomic_compare_exchange(&d->u, seen, seen + 1)) != seen) seen = prev;
     });
-    float hf;
-    std::int32_t hi;
-    std::uint32_t hu;
-    f.copy_to_host(&hf);
-    i.copy_to_host(&hi);
-    u.copy_to_host(&hu);
+    c.copy_to_host(&h);
     q->wait();
-    EXPECT_EQ(hf, float(n));  // integers below 2^24 add exactly in any order
-    EXPECT_EQ(hi, -2 * std::int32_t(n));
-    EXPECT_EQ(hu, n);
+    EXPECT_EQ(h.f, float(n));  // integers below 2^24 add exactly in any order
+    EXPECT_EQ(h.i, -2 * std::int32_t(n));
+    EXPECT_EQ(h.u, n);
 }
 
 TEST_P(Compute, BufferWritesBackUnlessTheQueueFailed) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 #include <sstream>
+#include <tuple>
 
 #include "device/description.hpp"
 #include "device/messages.hpp"
@@ -53,38 +54,30 @@ TEST(Devices, HostDeviceComesFirstWithItsRecord) {
         for (unsigned char pad : r.padding) EXPECT_EQ(pad, 0);
         if (std::strcmp(r.backend, "CUDA") == 0) {
             EXPECT_STREQ(r.vendor, "NVIDIA");
-            EXPECT_EQ(std::strncmp(r.arch, "sm_", 3), 0);
+            EXPECT_EQ(std::strncmp(r.arch, "sm_", 3), 0) << r.arch;
         }
     }
     EXPECT_EQ(messages().info, (std::vector<std::string>{"Device scan started (AdaptiveCpp)", "Device scan finished"}));
     EXPECT_TRUE(messages().error.empty());
 }
 
-TEST(Devices, KeyOfEveryListedRecordSelectsThatDevice) {
+// The key of every listed record selects that device; "cpu" always the host.
+TEST(Devices, KeysSelectTheirDevice) {
     device_list list;
-    for (std::uint32_t i = 0; i < list.count; ++i) {
-        const std::string key = test::key_of(list.records[i]);
-        SCOPED_TRACE(key);
+    ASSERT_GE(list.count, 1u);
+    auto selected = [](const std::string& key) {
         halden_queue* q = CreateSyclQueue(key.c_str(), &test::capturing_callbacks());
-        ASSERT_NE(q, nullptr);
-        halden_device_record* info = GetDeviceInfo(q);
-        ASSERT_NE(info, nullptr);
-        EXPECT_EQ(test::key_of(*info), key);
-        EXPECT_STREQ(info->name, list.records[i].name);
+        halden_device_record* info = q ? GetDeviceInfo(q) : nullptr;
+        const std::string got = info ? test::key_of(*info) + "|" + info->name : "no device";
         FreeDeviceInfo(info);
         DestroySyclQueue(q);
+        return got;
+    };
+    for (std::uint32_t i = 0; i < list.count; ++i) {
+        const std::string key = test::key_of(list.records[i]);
+        EXPECT_EQ(selected(key), key + "|" + list.records[i].name);
     }
-}
-
-TEST(Devices, CpuKeyAlwaysGivesTheHostDevice) {
-    halden_queue* q = CreateSyclQueue("cpu", nullptr);
-    ASSERT_NE(q, nullptr);
-    halden_device_record* info = GetDeviceInfo(q);
-    ASSERT_NE(info, nullptr);
-    EXPECT_STREQ(info->name, "AdaptiveCpp OpenMP host device");
-    EXPECT_EQ(info->type, 1);
-    FreeDeviceInfo(info);
-    DestroySyclQueue(q);
+    EXPECT_EQ(selected("cpu"), test::key_of(list.records[0]) + "|AdaptiveCpp OpenMP host device");
 }
 
 TEST(Devices, UnmatchedKeysGiveNullWithoutAMessage) {
@@ -92,17 +85,16 @@ TEST(Devices, UnmatchedKeysGiveNullWithoutAMessage) {
     device_list list;
     const std::string host_key = test::key_of(list.records[0]);
     const std::string tail = host_key.substr(host_key.find('/'));
-    for (const std::string& key : {std::string("GpuDiscrete/HIP/AMD/6.0/gfx1100"), "Nonsense" + tail, std::string("Cpu"),
-                                  std::string(""), std::string("CPU"), host_key + "/extra", "GpuDiscrete" + tail}) {
-        SCOPED_TRACE(key);
-        EXPECT_EQ(CreateSyclQueue(key.c_str(), &test::capturing_callbacks()), nullptr);
-    }
+    for (const std::string& key : {std::string("GpuDiscrete/HIP/AMD/6.0/gfx1100"), "Nonsense" + tail,
+                                   std::string("Cpu"), std::string(""), std::string("CPU"), host_key + "/extra",
+                                   "GpuDiscrete" + tail})
+        EXPECT_EQ(CreateSyclQueue(key.c_str(), &test::capturing_callbacks()), nullptr) << key;
     EXPECT_TRUE(messages().error.empty());
     EXPECT_EQ(CreateSyclQueue(nullptr, &test::capturing_callbacks()), nullptr);
     EXPECT_EQ(messages().error.size(), 1u);
 }
 
-TEST(Devices, NullArgumentsAreHarmless) {
+TEST(Devices, NullArgumentsAndSlotsAreHarmless) {
     FreeDevices(nullptr);
     FreeDeviceInfo(nullptr);
     DestroySyclQueue(nullptr);
@@ -111,9 +103,7 @@ TEST(Devices, NullArgumentsAreHarmless) {
     EXPECT_EQ(messages().error,
               (std::vector<std::string>{"Exception caught while getting device info: ", "null queue handle"}));
     GetDevices(nullptr, nullptr);
-}
-
-TEST(Devices, NullSlotsFallBackToDefaults) {
+    // A table with only the error slot: the others fall back to defaults.
     halden_callbacks sparse{};
     sparse.error = test::capturing_callbacks().error;
     halden_queue* q = CreateSyclQueue("cpu", &sparse);
@@ -148,12 +138,10 @@ TEST(Devices, DestroyingAQueueWithAFailureReportsAndKeepsIt) {
 }
 
 TEST(DeviceKeys, ClassWordsHashToTheirCodes) {
-    EXPECT_EQ(device::class_code("Cpu"), 1);
-    EXPECT_EQ(device::class_code(device::other_cpu_word), 2);
+    int code = 0;
+    for (const char* word : {"Cpu", device::other_cpu_word, "GpuIntegrated", "GpuDiscrete", "Accelerator"})
+        EXPECT_EQ(device::class_code(word), ++code) << word;
     EXPECT_EQ(device::class_word_hash(device::other_cpu_word), 0x504A2F1Eu);
-    EXPECT_EQ(device::class_code("GpuIntegrated"), 3);
-    EXPECT_EQ(device::class_code("GpuDiscrete"), 4);
-    EXPECT_EQ(device::class_code("Accelerator"), 5);
     EXPECT_EQ(device::class_code("cpu"), 0);
     EXPECT_EQ(device::class_code(""), 0);
     // 5385 * 33 + 'A' (65), then bytes above 127 count as negative.
@@ -162,14 +150,12 @@ TEST(DeviceKeys, ClassWordsHashToTheirCodes) {
     EXPECT_EQ(device::split_key("a//b/"), (std::vector<std::string>{"a", "", "b", ""}));
 }
 
-TEST(DeviceKeys, ClassRulesFollowTheRuntimesAnswers) {
+TEST(DeviceKeys, ClassAndArchitectureRulesFollowTheRuntimesAnswers) {
     using compute::backend;
     auto classify = [](backend be, bool cpu, bool gpu, bool unified, const char* name) {
         compute::device_properties p;
         p.name = name;
-        p.cpu = cpu;
-        p.gpu = gpu;
-        p.host_unified_memory = unified;
+        std::tie(p.cpu, p.gpu, p.host_unified_memory) = std::tie(cpu, gpu, unified);
         return device::describe(compute::device(be, 0, p)).type;
     };
     EXPECT_EQ(classify(backend::native, true, false, true, "host"), 1);
@@ -180,25 +166,16 @@ TEST(DeviceKeys, ClassRulesFollowTheRuntimesAnswers) {
     EXPECT_EQ(classify(backend::level_zero, false, true, false, "Vendor Graphics"), 3);
     EXPECT_EQ(classify(backend::level_zero, false, true, false, "Vendor graphics"), 4);
     EXPECT_EQ(classify(backend::opencl, false, false, false, "fpga"), 5);
-}
-
-TEST(DeviceKeys, ArchitectureTest) {
-    using compute::backend;
+    // The architecture test and the probe.
     auto passes = [](backend be, const char* arch) {
         device::description d;
         d.strings[3] = arch;
         return device::passes_architecture_test(d, be);
     };
-    EXPECT_TRUE(passes(backend::cuda, "sm_60"));
-    EXPECT_TRUE(passes(backend::cuda, "sm_90"));
-    EXPECT_FALSE(passes(backend::cuda, "sm_52"));
-    EXPECT_FALSE(passes(backend::cuda, "sm_"));
-    EXPECT_FALSE(passes(backend::cuda, "sm"));
-    EXPECT_FALSE(passes(backend::cuda, "compute_90"));
+    for (const char* arch : {"sm_60", "sm_90"}) EXPECT_TRUE(passes(backend::cuda, arch)) << arch;
+    for (const char* arch : {"sm_52", "sm_", "sm", "compute_90"}) EXPECT_FALSE(passes(backend::cuda, arch)) << arch;
     EXPECT_TRUE(passes(backend::hip, "gfx1030"));
-    EXPECT_FALSE(passes(backend::hip, "gfx1030:xnack-"));
-    EXPECT_FALSE(passes(backend::hip, "gfx90a"));
+    for (const char* arch : {"gfx1030:xnack-", "gfx90a"}) EXPECT_FALSE(passes(backend::hip, arch)) << arch;
     EXPECT_TRUE(passes(backend::opencl, "anything"));
+    EXPECT_TRUE(device::test_device(compute::host_device()));
 }
-
-TEST(DeviceKeys, HostDevicePassesTheProbe) { EXPECT_TRUE(device::test_device(compute::host_device())); }

@@ -3,7 +3,9 @@
 // asynchronous-error flag, status codes, and matched reserve/release.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <stdexcept>
+#include <tuple>
 
 #include "api/frame.hpp"
 #include "support.hpp"
@@ -31,19 +33,20 @@ protected:
     std::uint32_t run(std::uint64_t need, Body body) {
         return api::run(*queue, api::frame{"TestOperation", &module_copy, &test::capturing_callbacks(), need}, body);
     }
+    // Runs a body that only notes that it ran.
+    std::uint32_t run(std::uint64_t need) {
+        ran = false;
+        return run(need, [this] { return ran = true, 0u; });
+    }
 
     halden_queue* queue = nullptr;
+    bool ran = false;
 };
 
 }  // namespace
 
 TEST_F(Frame, SuccessAnnouncesTheFloorOnTheHostAndReleasesIt) {
-    bool ran = false;
-    EXPECT_EQ(run(3 * 1024 * MiB, [&] {
-                  ran = true;
-                  return 0u;
-              }),
-              0u);
+    EXPECT_EQ(run(3 * 1024 * MiB), 0u);
     EXPECT_TRUE(ran);
     // Host memory belongs to the application: only the 64 MiB floor is announced.
     EXPECT_EQ(messages().reserved, (std::vector<std::uint64_t>{64 * MiB}));
@@ -66,12 +69,7 @@ TEST_F(Frame, ImpossibleSizeGivesStatusTwoWithoutRunning) {
     for (std::uint64_t need : {std::uint64_t(1) << 50, ~std::uint64_t(0)}) {
         SCOPED_TRACE(need);
         messages().clear();
-        bool ran = false;
-        EXPECT_EQ(run(need, [&] {
-                      ran = true;
-                      return 0u;
-                  }),
-                  2u);
+        EXPECT_EQ(run(need), 2u);
         EXPECT_FALSE(ran);
         EXPECT_TRUE(messages().reserved.empty());
         EXPECT_TRUE(messages().released.empty());
@@ -81,25 +79,16 @@ TEST_F(Frame, ImpossibleSizeGivesStatusTwoWithoutRunning) {
 }
 
 TEST_F(Frame, InjectedAsynchronousErrorGivesStatusThree) {
-    EXPECT_EQ(run(MiB, [&] {
-                  queue->queue.report_async_error("injected fault");
-                  return 0u;
-              }),
-              3u);
+    EXPECT_EQ(run(MiB, [&] { return queue->queue.report_async_error("injected fault"), 0u; }), 3u);
     EXPECT_EQ(messages().error, (std::vector<std::string>{"Caught asynchronous SYCL exception: injected fault"}));
     EXPECT_EQ(messages().released, messages().reserved);
     EXPECT_EQ(g_async_error, 1);
     // The next call starts with a clear flag.
-    EXPECT_EQ(run(MiB, [] { return 0u; }), 0u);
+    EXPECT_EQ(run(MiB), 0u);
 }
 
 TEST_F(Frame, ExceptionsBecomeMessagesAndStatusCodes) {
-    struct expectation {
-        std::function<void()> fail;
-        std::uint32_t status;
-        std::string text;
-    };
-    const std::vector<expectation> cases{
+    const std::vector<std::tuple<std::function<void()>, std::uint32_t, std::string>> cases{
         {[] { throw compute::out_of_memory("grid: cannot allocate"); }, 2u,
          "Memory allocation error on device AdaptiveCpp OpenMP host device (Native): grid: cannot allocate"},
         {[] { throw compute::exception("launch failed"); }, 3u,
@@ -107,15 +96,10 @@ TEST_F(Frame, ExceptionsBecomeMessagesAndStatusCodes) {
         {[] { throw std::invalid_argument("bad"); }, 3u, "Error: bad"},
         {[] { throw 42; }, 3u, "Error: unknown exception"},
     };
-    for (const expectation& c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [fail, status, text] : cases) {
         messages().clear();
-        EXPECT_EQ(run(MiB, [&] {
-                      c.fail();
-                      return 0u;
-                  }),
-                  c.status);
-        EXPECT_EQ(messages().error, (std::vector<std::string>{c.text}));
+        EXPECT_EQ(run(MiB, [&] { return fail(), 0u; }), status) << text;
+        EXPECT_EQ(messages().error, (std::vector<std::string>{text}));
         EXPECT_EQ(messages().reserved.size(), 1u);
         EXPECT_EQ(messages().released, messages().reserved);
     }
@@ -125,12 +109,7 @@ TEST_F(Frame, OperationsOwnStatusPassesThrough) { EXPECT_EQ(run(MiB, [] { return
 
 TEST_F(Frame, ExportsWithoutARecordAlwaysReturnZero) {
     const api::frame plain{"PlainOperation"};
-    EXPECT_EQ(api::run(*queue, plain,
-                       [&] {
-                           queue->queue.report_async_error("fault");
-                           return 0u;
-                       }),
-              0u);
+    EXPECT_EQ(api::run(*queue, plain, [&] { return queue->queue.report_async_error("fault"), 0u; }), 0u);
     EXPECT_EQ(api::run(*queue, plain, []() -> std::uint32_t { throw compute::exception("boom"); }), 0u);
     // Reported through the process-wide table; nothing announced.
     EXPECT_EQ(messages().error.size(), 2u);

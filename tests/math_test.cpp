@@ -13,14 +13,8 @@
 
 namespace {
 
-using halden::bits_float;
-using halden::exp2_p;
-using halden::float_bits;
-using halden::log2_p;
-using halden::max_of;
-using halden::min_of;
-using halden::pow_p;
-using halden::tanh_p;
+using halden::bits_float, halden::exp2_p, halden::float_bits, halden::log2_p, halden::max_of, halden::min_of,
+    halden::pow_p, halden::tanh_p;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -41,233 +35,144 @@ double ulp_error(float got, double ref) {
 struct worst {
     double ulp = 0;
     float x = 0, y = 0;
-    void note(double e, float at, float at_y = 0) {
-        if (e > ulp) {
-            ulp = e;
-            x = at;
-            y = at_y;
-        }
+    void note(float got, double ref, float at, float at_y = 0) {
+        if (const double e = ulp_error(got, ref); e > ulp) ulp = e, x = at, y = at_y;
+    }
+    ::testing::AssertionResult within(double bound) const {
+        if (ulp <= bound) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << ulp << " ulp at x = " << std::hexfloat << x << ", y = " << y;
     }
 };
 
-::testing::AssertionResult within(const worst& w, double bound) {
-    if (w.ulp <= bound) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << w.ulp << " ulp at x = " << std::hexfloat << w.x
-                                         << ", y = " << w.y;
-}
-
-TEST(Math, Exp2WithinOneUlp) {
-    worst w;
-    // Every 2^-12 across the whole finite-result range, subnormal results included.
-    for (float x = -160.0f; x < 129.0f; x += 1.0f / 4096)
-        w.note(ulp_error(exp2_p(x), std::exp2(double(x))), x);
+TEST(Math, ErrorsWithinUlpBounds) {
+    worst e, l, p, t;  // exp2, log2, pow, tanh
+    auto check_exp2 = [&](float x) { e.note(exp2_p(x), std::exp2(double(x)), x); };
+    auto check_log2 = [&](float x) { l.note(log2_p(x), std::log2(double(x)), x); };
+    auto check_pow = [&](float x, float y) { p.note(pow_p(x, y), std::pow(double(x), double(y)), x, y); };
+    auto check_tanh = [&](float x) { t.note(tanh_p(x), std::tanh(double(x)), x); };
+    // exp2: every 2^-12 across the whole finite-result range, subnormal results
+    // included, then small random arguments at every scale down to 2^-39.
+    for (float x = -160.0f; x < 129.0f; x += 1.0f / 4096) check_exp2(x);
     std::mt19937 rng(1);
     std::uniform_real_distribution<float> small(-1.0f, 1.0f);
+    for (int i = 0; i < 200000; ++i) check_exp2(small(rng) * std::ldexp(1.0f, -(i % 40)));
+    // log2: log-spaced bit patterns over every positive float, subnormals included,
+    // then densely around 1, where the result is small and its relative error shows.
+    for (std::uint32_t u = 1; u < 0x7f800000u; u += 997) check_log2(bits_float(u));
+    for (std::uint32_t u = float_bits(0.5f); u < float_bits(2.0f); u += 13) check_log2(bits_float(u));
+    // pow: a grid over x in [0, 1e4] and y in [-4, 4], random pairs, and pairs whose y * log2(x)
+    // spans the whole exponent range, where any error in the logarithm is magnified most.
+    for (int i = 0; i <= 1000; ++i)
+        for (int j = 0; j <= 800; ++j)
+            check_pow(i == 0 ? 0.0f : 1e4f * std::pow(1e-9f, float(1000 - i) / 1000), -4.0f + j / 100.0f);
+    rng.seed(2);
+    std::uniform_real_distribution<float> xs(0.0f, 1e4f), ys(-4.0f, 4.0f), ts(-149.0f, 128.0f), near_one(0.5f, 2.0f);
     for (int i = 0; i < 200000; ++i) {
-        const float x = small(rng) * std::ldexp(1.0f, -(i % 40));
-        w.note(ulp_error(exp2_p(x), std::exp2(double(x))), x);
-    }
-    EXPECT_TRUE(within(w, 1.0));
-}
-
-TEST(Math, Log2WithinThreeQuartersUlp) {
-    worst w;
-    // Bit patterns in even steps: log-spaced over every positive float,
-    // subnormals included.
-    for (std::uint32_t u = 1; u < 0x7f800000u; u += 997) {
-        const float x = bits_float(u);
-        w.note(ulp_error(log2_p(x), std::log2(double(x))), x);
-    }
-    // Densely around 1, where the result is small and its relative error shows.
-    for (std::uint32_t u = float_bits(0.5f); u < float_bits(2.0f); u += 13) {
-        const float x = bits_float(u);
-        w.note(ulp_error(log2_p(x), std::log2(double(x))), x);
-    }
-    EXPECT_TRUE(within(w, 0.75));
-}
-
-TEST(Math, PowWithinOneAndAQuarterUlp) {
-    worst w;
-    auto check = [&](float x, float y) {
-        w.note(ulp_error(pow_p(x, y), std::pow(double(x), double(y))), x, y);
-    };
-    // A grid over x in [0, 1e4], y in [-4, 4].
-    for (int i = 0; i <= 1000; ++i) {
-        const float x = i == 0 ? 0.0f : 1e4f * std::pow(1e-9f, float(1000 - i) / 1000);
-        for (int j = 0; j <= 800; ++j) check(x, -4.0f + j / 100.0f);
-    }
-    // Random pairs, and pairs whose y * log2(x) spans the whole exponent range,
-    // where any error in the logarithm is magnified most.
-    std::mt19937 rng(2);
-    std::uniform_real_distribution<float> xs(0.0f, 1e4f), ys(-4.0f, 4.0f), ts(-149.0f, 128.0f),
-        near_one(0.5f, 2.0f);
-    for (int i = 0; i < 200000; ++i) {
-        check(xs(rng), ys(rng));
+        check_pow(xs(rng), ys(rng));
         const float x = near_one(rng);
-        if (x != 1.0f) check(x, ts(rng) / std::log2(x));
+        if (x != 1.0f) check_pow(x, ts(rng) / std::log2(x));
     }
-    EXPECT_TRUE(within(w, 1.25));
+    // tanh: a fine grid, every float either side of the switch from series to exponential, tiny ones.
+    for (float x = -10.0f; x <= 10.0f; x += 1.0f / 16384) check_tanh(x);
+    for (std::uint32_t u = float_bits(0.49f); u < float_bits(0.51f); ++u) check_tanh(bits_float(u));
+    for (int k = 1; k <= 149; ++k) check_tanh(std::ldexp(1.3f, -k));
+    EXPECT_TRUE(e.within(1.0)) << "exp2";
+    EXPECT_TRUE(l.within(0.75)) << "log2";
+    EXPECT_TRUE(p.within(1.25)) << "pow";
+    EXPECT_TRUE(t.within(1.75)) << "tanh";
 }
 
-TEST(Math, TanhWithinOneAndThreeQuartersUlp) {
-    worst w;
-    for (float x = -10.0f; x <= 10.0f; x += 1.0f / 16384)
-        w.note(ulp_error(tanh_p(x), std::tanh(double(x))), x);
-    // Every float either side of the switch from the series to the exponential.
-    for (std::uint32_t u = float_bits(0.49f); u < float_bits(0.51f); ++u) {
-        const float x = bits_float(u);
-        w.note(ulp_error(tanh_p(x), std::tanh(double(x))), x);
-    }
-    for (int k = 1; k <= 149; ++k) {
-        const float x = std::ldexp(1.3f, -k);
-        w.note(ulp_error(tanh_p(x), std::tanh(double(x))), x);
-    }
-    EXPECT_TRUE(within(w, 1.75));
+// An expression, its value and the value it must have: the same bits, or any NaN for a NaN.
+struct exact { const char* what; float got, want; };
+#define EXACT(e, want) exact{#e, e, want}
+void expect_all(std::initializer_list<exact> cases) {
+    for (const exact& c : cases)
+        EXPECT_TRUE(std::isnan(c.want) ? std::isnan(c.got) : float_bits(c.got) == float_bits(c.want))
+            << c.what << " gave " << std::hexfloat << c.got << ", want " << c.want;
 }
 
 TEST(Math, ExactCases) {
     for (int k = -149; k <= 127; ++k) {
         const float p = std::ldexp(1.0f, k);
-        EXPECT_EQ(exp2_p(float(k)), p) << k;
-        EXPECT_EQ(log2_p(p), float(k)) << k;
-        EXPECT_EQ(pow_p(2.0f, float(k)), p) << k;
+        expect_all({EXACT(exp2_p(float(k)), p), EXACT(log2_p(p), float(k)), EXACT(pow_p(2.0f, float(k)), p)});
     }
-    EXPECT_EQ(exp2_p(3.0f), 8.0f);
-    EXPECT_EQ(exp2_p(-1.0f), 0.5f);
-    EXPECT_EQ(exp2_p(0.0f), 1.0f);
-    EXPECT_EQ(exp2_p(-0.0f), 1.0f);
-    EXPECT_EQ(log2_p(1.0f), 0.0f);
-    EXPECT_EQ(log2_p(8.0f), 3.0f);
-    EXPECT_EQ(pow_p(4.0f, 0.5f), 2.0f);
-    EXPECT_EQ(pow_p(0.25f, -1.5f), 8.0f);
     // Integer powers of small integers come out exact whenever the float can hold them.
     for (int a = 2; a <= 64; ++a)
-        for (int b = -8; b <= 8; ++b) {
-            const double r = std::pow(double(a), b);
-            if (double(float(r)) == r && std::isfinite(float(r))) {
+        for (int b = -8; b <= 8; ++b)
+            if (const double r = std::pow(double(a), b); double(float(r)) == r && std::isfinite(float(r))) {
                 EXPECT_EQ(pow_p(float(a), float(b)), float(r)) << a << "^" << b;
             }
-        }
     // A first power gives the base back, up to the largest float.
-    for (std::uint32_t u = 1; u < 0x7f800000u; u += 4099) {
-        const float x = bits_float(u);
-        EXPECT_EQ(pow_p(x, 1.0f), x) << std::hexfloat << x;
-    }
-    EXPECT_EQ(pow_p(std::numeric_limits<float>::max(), 1.0f), std::numeric_limits<float>::max());
-    EXPECT_EQ(float_bits(tanh_p(0.0f)), float_bits(0.0f));
-    EXPECT_EQ(float_bits(tanh_p(-0.0f)), float_bits(-0.0f));
-    EXPECT_EQ(tanh_p(1e-30f), 1e-30f);
-    EXPECT_EQ(tanh_p(9.0f), 1.0f);
-    EXPECT_EQ(tanh_p(-20.0f), -1.0f);
+    for (std::uint32_t u = 1; u < 0x7f800000u; u += 4099) EXPECT_EQ(pow_p(bits_float(u), 1.0f), bits_float(u)) << u;
+    const float max = std::numeric_limits<float>::max();
+    expect_all({EXACT(pow_p(max, 1.0f), max), EXACT(exp2_p(-0.0f), 1.0f), EXACT(pow_p(4.0f, 0.5f), 2.0f),
+                EXACT(pow_p(0.25f, -1.5f), 8.0f), EXACT(tanh_p(0.0f), 0.0f), EXACT(tanh_p(-0.0f), -0.0f),
+                EXACT(tanh_p(1e-30f), 1e-30f), EXACT(tanh_p(9.0f), 1.0f), EXACT(tanh_p(-20.0f), -1.0f)});
 }
 
 TEST(Math, SpecialValues) {
     const float tiny = std::numeric_limits<float>::denorm_min();
-    EXPECT_TRUE(std::isnan(exp2_p(kNaN)));
-    EXPECT_EQ(exp2_p(kInf), kInf);
-    EXPECT_EQ(exp2_p(-kInf), 0.0f);
-    EXPECT_EQ(exp2_p(128.0f), kInf);
-    EXPECT_EQ(exp2_p(-149.0f), tiny);
-    EXPECT_EQ(exp2_p(-149.5f), tiny);  // 0.71 of the smallest subnormal rounds up to it
-    EXPECT_EQ(exp2_p(-150.0f), 0.0f);  // exactly half of it: a tie, to even
-    EXPECT_EQ(exp2_p(-1000.0f), 0.0f);
-
-    EXPECT_TRUE(std::isnan(log2_p(kNaN)));
-    EXPECT_TRUE(std::isnan(log2_p(-1.0f)));
-    EXPECT_TRUE(std::isnan(log2_p(-tiny)));
-    EXPECT_TRUE(std::isnan(log2_p(-kInf)));
-    EXPECT_EQ(log2_p(0.0f), -kInf);
-    EXPECT_EQ(log2_p(-0.0f), -kInf);
-    EXPECT_EQ(log2_p(kInf), kInf);
-    EXPECT_EQ(log2_p(tiny), -149.0f);
-
+    expect_all({EXACT(exp2_p(kNaN), kNaN), EXACT(exp2_p(kInf), kInf), EXACT(exp2_p(-kInf), 0.0f),
+                EXACT(exp2_p(128.0f), kInf),
+                EXACT(exp2_p(-149.5f), tiny),  // 0.71 of the smallest subnormal rounds up to it
+                EXACT(exp2_p(-150.0f), 0.0f),  // exactly half of it: a tie, to even
+                EXACT(exp2_p(-1000.0f), 0.0f), EXACT(log2_p(kNaN), kNaN), EXACT(log2_p(-1.0f), kNaN),
+                EXACT(log2_p(-tiny), kNaN), EXACT(log2_p(-kInf), kNaN), EXACT(log2_p(0.0f), -kInf),
+                EXACT(log2_p(-0.0f), -kInf), EXACT(log2_p(kInf), kInf),
+                EXACT(pow_p(kNaN, 2.0f), kNaN), EXACT(pow_p(2.0f, kNaN), kNaN), EXACT(pow_p(kInf, 0.5f), kInf),
+                EXACT(pow_p(kInf, -0.5f), 0.0f), EXACT(pow_p(2.0f, kInf), kInf), EXACT(pow_p(2.0f, -kInf), 0.0f),
+                EXACT(pow_p(0.5f, kInf), 0.0f), EXACT(pow_p(0.5f, -kInf), kInf), EXACT(pow_p(10.0f, 39.0f), kInf),
+                EXACT(pow_p(10.0f, -46.0f), 0.0f), EXACT(pow_p(1e4f, 1e30f), kInf), EXACT(tanh_p(kNaN), kNaN),
+                EXACT(tanh_p(kInf), 1.0f), EXACT(tanh_p(-kInf), -1.0f)});
     // Any base to the power 0, and 1 to any power, is 1, NaNs included.
-    for (float x : {0.0f, -0.0f, 1.0f, 3.0f, -2.0f, kInf, -kInf, kNaN}) {
-        EXPECT_EQ(pow_p(x, 0.0f), 1.0f) << x;
-        EXPECT_EQ(pow_p(x, -0.0f), 1.0f) << x;
+    for (float x : {0.0f, -0.0f, 0.5f, 1.0f, 2.0f, 3.0f, -2.0f, kInf, -kInf, kNaN}) {
+        SCOPED_TRACE(x);
+        expect_all({EXACT(pow_p(x, 0.0f), 1.0f), EXACT(pow_p(x, -0.0f), 1.0f), EXACT(pow_p(1.0f, x), 1.0f)});
     }
-    for (float y : {2.0f, -2.0f, 0.5f, kInf, -kInf, kNaN}) EXPECT_EQ(pow_p(1.0f, y), 1.0f) << y;
     for (float z : {0.0f, -0.0f}) {
-        EXPECT_EQ(float_bits(pow_p(z, 2.0f)), float_bits(0.0f));
-        EXPECT_EQ(float_bits(pow_p(z, 3.0f)), float_bits(0.0f));
-        EXPECT_EQ(pow_p(z, -1.0f), kInf);
-        EXPECT_EQ(pow_p(z, -kInf), kInf);
-        EXPECT_TRUE(std::isnan(pow_p(z, kNaN)));
+        SCOPED_TRACE(z);
+        expect_all({EXACT(pow_p(z, 2.0f), 0.0f), EXACT(pow_p(z, 3.0f), 0.0f), EXACT(pow_p(z, -1.0f), kInf),
+                    EXACT(pow_p(z, -kInf), kInf), EXACT(pow_p(z, kNaN), kNaN)});
     }
     // Only non-negative bases are taken: every negative one gives NaN.
     for (float x : {-1e-30f, -2.0f, -8.0f, -kInf}) {
-        EXPECT_TRUE(std::isnan(pow_p(x, 2.0f))) << x;
-        EXPECT_TRUE(std::isnan(pow_p(x, 1.0f / 3))) << x;
+        SCOPED_TRACE(x);
+        expect_all({EXACT(pow_p(x, 2.0f), kNaN), EXACT(pow_p(x, 1.0f / 3), kNaN)});
     }
-    EXPECT_TRUE(std::isnan(pow_p(kNaN, 2.0f)));
-    EXPECT_TRUE(std::isnan(pow_p(2.0f, kNaN)));
-    EXPECT_EQ(pow_p(kInf, 0.5f), kInf);
-    EXPECT_EQ(pow_p(kInf, -0.5f), 0.0f);
-    EXPECT_EQ(pow_p(2.0f, kInf), kInf);
-    EXPECT_EQ(pow_p(2.0f, -kInf), 0.0f);
-    EXPECT_EQ(pow_p(0.5f, kInf), 0.0f);
-    EXPECT_EQ(pow_p(0.5f, -kInf), kInf);
-    EXPECT_EQ(pow_p(10.0f, 39.0f), kInf);
-    EXPECT_EQ(pow_p(10.0f, -46.0f), 0.0f);
-    EXPECT_EQ(pow_p(1e4f, 1e30f), kInf);
-
-    EXPECT_TRUE(std::isnan(tanh_p(kNaN)));
-    EXPECT_EQ(tanh_p(kInf), 1.0f);
-    EXPECT_EQ(tanh_p(-kInf), -1.0f);
 }
 
-// Never decreasing on grids of step 2^-12, which cross every seam (where the
-// exponential's integer part steps, where tanh switches formula or saturates).
-// Consecutive floats need not be ordered: where many inputs share one output
-// ulp, a 1-ulp error can step back (exp2 near 0 and tanh do, rarely).
+// Never decreasing on grids of step 2^-12, which cross every seam. Consecutive
+// floats need not be ordered: where many inputs share one output ulp, a 1-ulp
+// error can step back (exp2 near 0 and tanh do, rarely).
 TEST(Math, MonotoneOnFineGrids) {
-    auto nondecreasing = [](auto f, double lo, double hi) {
-        float prev = f(float(lo));
-        for (double x = lo; x <= hi; x += 1.0 / 4096) {
-            const float cur = f(float(x));
-            if (cur < prev) return ::testing::AssertionFailure() << "drops at " << x;
+    auto rises = [](auto f, auto from, auto to, auto step) {
+        float prev = f(from);
+        for (auto at = from; at <= to; at += step) {
+            const float cur = f(at);
+            if (cur < prev) return ::testing::AssertionFailure() << "drops at " << at;
             prev = cur;
         }
         return ::testing::AssertionSuccess();
     };
-    EXPECT_TRUE(nondecreasing(exp2_p, -150, 128));
-    EXPECT_TRUE(nondecreasing(tanh_p, -10, 10));
-    EXPECT_TRUE(nondecreasing([](float y) { return pow_p(3.0f, y); }, -60, 60));
-    EXPECT_TRUE(nondecreasing([](float x) { return pow_p(x, 0.4545f); }, 0, 100));
-    EXPECT_TRUE(nondecreasing([](float x) { return -pow_p(x, -2.2f); }, 0, 100));
+    const double grid = 1.0 / 4096;
+    EXPECT_TRUE(rises(exp2_p, -150.0, 128.0, grid));
+    EXPECT_TRUE(rises(tanh_p, -10.0, 10.0, grid));
+    EXPECT_TRUE(rises([](float y) { return pow_p(3.0f, y); }, -60.0, 60.0, grid));
+    EXPECT_TRUE(rises([](float x) { return pow_p(x, 0.4545f); }, 0.0, 100.0, grid));
+    EXPECT_TRUE(rises([](float x) { return -pow_p(x, -2.2f); }, 0.0, 100.0, grid));
     // The logarithm holds even over consecutive floats, across its fold at
     // sqrt(2) and through 1, and in bit-pattern steps over all positive floats.
-    float prev = -kInf;
-    for (std::uint32_t u = float_bits(0.5f); u <= float_bits(2.0f); ++u) {
-        const float cur = log2_p(bits_float(u));
-        ASSERT_GE(cur, prev) << std::hexfloat << bits_float(u);
-        prev = cur;
-    }
-    prev = -kInf;
-    for (std::uint32_t u = 0; u < 0x7f800000u; u += 997) {
-        const float cur = log2_p(bits_float(u));
-        ASSERT_GE(cur, prev) << std::hexfloat << bits_float(u);
-        prev = cur;
-    }
+    auto log2_of_bits = [](std::uint32_t u) { return log2_p(bits_float(u)); };
+    EXPECT_TRUE(rises(log2_of_bits, float_bits(0.5f), float_bits(2.0f), 1u));
+    EXPECT_TRUE(rises(log2_of_bits, 0u, 0x7f7fffffu, 997u));
 }
 
 TEST(Math, MinMaxTakeTheFirstArgumentOnNaNOrEquality) {
-    EXPECT_EQ(max_of(1.0f, 2.0f), 2.0f);
-    EXPECT_EQ(max_of(2.0f, 1.0f), 2.0f);
-    EXPECT_EQ(min_of(1.0f, 2.0f), 1.0f);
-    EXPECT_EQ(min_of(2.0f, 1.0f), 1.0f);
-    EXPECT_EQ(max_of(-kInf, kInf), kInf);
-    EXPECT_EQ(min_of(-kInf, kInf), -kInf);
-
-    EXPECT_TRUE(std::isnan(max_of(kNaN, 1.0f)));
-    EXPECT_EQ(max_of(1.0f, kNaN), 1.0f);
-    EXPECT_TRUE(std::isnan(min_of(kNaN, 1.0f)));
-    EXPECT_EQ(min_of(1.0f, kNaN), 1.0f);
-
-    EXPECT_EQ(float_bits(max_of(0.0f, -0.0f)), float_bits(0.0f));
-    EXPECT_EQ(float_bits(max_of(-0.0f, 0.0f)), float_bits(-0.0f));
-    EXPECT_EQ(float_bits(min_of(0.0f, -0.0f)), float_bits(0.0f));
-    EXPECT_EQ(float_bits(min_of(-0.0f, 0.0f)), float_bits(-0.0f));
+    expect_all({EXACT(max_of(1.0f, 2.0f), 2.0f), EXACT(max_of(2.0f, 1.0f), 2.0f), EXACT(min_of(1.0f, 2.0f), 1.0f),
+                EXACT(min_of(2.0f, 1.0f), 1.0f), EXACT(max_of(-kInf, kInf), kInf), EXACT(min_of(-kInf, kInf), -kInf),
+                EXACT(max_of(kNaN, 1.0f), kNaN), EXACT(max_of(1.0f, kNaN), 1.0f), EXACT(min_of(kNaN, 1.0f), kNaN),
+                EXACT(min_of(1.0f, kNaN), 1.0f), EXACT(max_of(0.0f, -0.0f), 0.0f), EXACT(max_of(-0.0f, 0.0f), -0.0f),
+                EXACT(min_of(0.0f, -0.0f), 0.0f), EXACT(min_of(-0.0f, 0.0f), -0.0f)});
 }
 
 }  // namespace

@@ -16,18 +16,13 @@
 
 namespace {
 
-using halden::test::first_difference;
 using halden::test::messages;
 
 constexpr float kNone = -3.4028235e38f;
 
 mesh_rasterizer::Parameters record(int w, int h, bool supersample = false) {
     mesh_rasterizer::Parameters p{};
-    p.width = w;
-    p.height = h;
-    p.scale = 1.0f;
-    p.depth_divisor = 1.0f;
-    p.supersample = supersample ? 1 : 0;
+    p.width = w, p.height = h, p.scale = p.depth_divisor = 1.0f, p.supersample = supersample ? 1 : 0;
     return p;
 }
 
@@ -64,7 +59,7 @@ protected:
     }
 };
 
-TEST_P(MeshExport, OneWindingIsDrawnAndCoverageFollowsTheCentres) {
+TEST_P(MeshExport, HandMadeTriangles) {
     // Right angle at (1, 1), legs of 6 cells; the drawn winding.
     mesh_data m{{1, 1, 5, 1, 7, 5, 7, 1, 5}, {0, 1, 2}};
     std::vector<float> h(100), ids(100);
@@ -87,18 +82,15 @@ TEST_P(MeshExport, OneWindingIsDrawnAndCoverageFollowsTheCentres) {
     ASSERT_EQ(render(culled, h, &ids, record(10, 10)), 0u);
     EXPECT_EQ(h, std::vector<float>(100, kNone));
     EXPECT_EQ(ids, std::vector<float>(100, -1.0f));
-}
 
-TEST_P(MeshExport, SharedEdgesOutsideBoxesDegenerateAndBadIndices) {
-    // Two triangles of a square share the diagonal; the higher wins there and
-    // the enlargement leaves no gaps.
-    // Heights 1 and 2, each triangle flat, so the diagonal's cells see both.
+    // Two flat triangles of a square, heights 1 and 2, share the diagonal: the
+    // higher wins there and the enlargement leaves no gaps.
     mesh_data square{{0, 0, 1, 8, 0, 1, 0, 8, 1, 8, 0, 2, 0, 8, 2, 8, 8, 2}, {0, 2, 1, 3, 4, 5}};
-    std::vector<float> h(64);
-    ASSERT_EQ(render(square, h, nullptr, record(8, 8)), 0u);
+    std::vector<float> g(64);
+    ASSERT_EQ(render(square, g, nullptr, record(8, 8)), 0u);
     for (int y = 0; y < 8; ++y)
         for (int x = 0; x < 8; ++x) {
-            const float v = h[y * 8 + x];
+            const float v = g[y * 8 + x];
             ASSERT_TRUE(std::fabs(v - 1.0f) < 1e-5f || std::fabs(v - 2.0f) < 1e-5f) << y << ", " << x << ": " << v;
             if (x + y == 7) {
                 EXPECT_NEAR(v, 2.0f, 1e-5f) << y << ", " << x;
@@ -106,8 +98,8 @@ TEST_P(MeshExport, SharedEdgesOutsideBoxesDegenerateAndBadIndices) {
         }
     // Wholly outside the grid, collinear, or indexing past the vertices: nothing.
     mesh_data none{{20, 20, 1, 20, 30, 1, 30, 20, 1, 1, 1, 1, 3, 3, 1, 5, 5, 1}, {0, 1, 2, 3, 4, 5, 0, 1, 99}};
-    ASSERT_EQ(render(none, h, nullptr, record(8, 8)), 0u);
-    EXPECT_EQ(h, std::vector<float>(64, kNone));
+    ASSERT_EQ(render(none, g, nullptr, record(8, 8)), 0u);
+    EXPECT_EQ(g, std::vector<float>(64, kNone));
 }
 
 TEST_P(MeshExport, ATerrainMeshRendersBackItsHeights) {
@@ -147,8 +139,7 @@ TEST_P(MeshExport, SupersamplingDoublesTheRecordAndKeepsBlockMaxima) {
     EXPECT_EQ(p.height, 2 * n);
     // The same mesh at twice the scale, reduced here.
     mesh_rasterizer::Parameters twice = record(2 * n, 2 * n);
-    twice.scale = 2.0f;
-    twice.depth_divisor = 2.0f;
+    twice.scale = twice.depth_divisor = 2.0f;
     ASSERT_EQ(MeshRasterizer_RenderMesh(queue, &mesh, big.data(), big_ids.data(), &twice, nullptr), 0u);
     for (int y = 0; y < n; ++y)
         for (int x = 0; x < n; ++x) {
@@ -162,23 +153,22 @@ TEST_P(MeshExport, SupersamplingDoublesTheRecordAndKeepsBlockMaxima) {
 TEST_P(MeshExport, BadInputLeavesTheGridsAlone) {
     mesh_data m{{1, 1, 5, 1, 7, 5, 7, 1, 5}, {0, 1, 2}};
     std::vector<float> h(100, 3.0f);
-    halden_mesh mesh = m.record();
+    const halden_mesh mesh = m.record();
+    halden_mesh broken = mesh;
+    broken.vertices = nullptr;
     mesh_rasterizer::Parameters p = record(10, 10);
+    const halden_callbacks* cb = &halden::test::capturing_callbacks();
     EXPECT_EQ(MeshRasterizer_RenderMesh(queue, nullptr, h.data(), nullptr, &p, nullptr), 3u);
     EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &mesh, nullptr, nullptr, &p, nullptr), 3u);
     EXPECT_EQ(MeshRasterizer_RenderMesh(nullptr, &mesh, h.data(), nullptr, &p, nullptr), 3u);
-    halden_mesh broken = mesh;
-    broken.vertices = nullptr;
-    EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &broken, h.data(), nullptr, &p, &halden::test::capturing_callbacks()), 3u);
-    mesh_rasterizer::Parameters bad = p;
-    bad.depth_divisor = 0.0f;
-    EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &mesh, h.data(), nullptr, &bad, &halden::test::capturing_callbacks()), 3u);
-    bad = p;
-    bad.width = 0;
-    EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &mesh, h.data(), nullptr, &bad, &halden::test::capturing_callbacks()), 3u);
-    bad = record(10000, 10, true);
-    EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &mesh, h.data(), nullptr, &bad, &halden::test::capturing_callbacks()), 3u);
-    EXPECT_EQ(bad.width, 10000);
+    EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &broken, h.data(), nullptr, &p, cb), 3u);
+    // A zero depth divisor, no width, and a supersampled width past the limit.
+    mesh_rasterizer::Parameters bad[3] = {p, p, record(10000, 10, true)};
+    bad[0].depth_divisor = 0.0f;
+    bad[1].width = 0;
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(MeshRasterizer_RenderMesh(queue, &mesh, h.data(), nullptr, &bad[i], cb), 3u) << i;
+    EXPECT_EQ(bad[2].width, 10000);
     EXPECT_EQ(h, std::vector<float>(100, 3.0f));
     EXPECT_EQ(messages().error.size(), 4u);
     // An empty mesh renders an empty grid.
@@ -209,8 +199,8 @@ TEST_P(MeshKernels, WorkGroupRenderersMatchTheFragmentRenderer) {
         return halden::test::download(r.heights());
     };
     const std::vector<float> fragments = heights_of(0);
-    EXPECT_EQ(first_difference(heights_of(1), fragments), -1);
-    EXPECT_EQ(first_difference(heights_of(2), fragments), -1);
+    halden::test::expect_same_bits(heights_of(1), fragments);
+    halden::test::expect_same_bits(heights_of(2), fragments);
     int covered = 0;
     for (float v : fragments) covered += v != kNone;
     EXPECT_GT(covered, 1000);
@@ -238,7 +228,7 @@ TEST(MeshDevices, CpuAndCudaAgree) {
     };
     for (bool supersample : {false, true}) {
         std::vector<float> ids_gpu, ids_cpu;
-        EXPECT_EQ(first_difference(on(cuda, supersample, ids_gpu), on("cpu", supersample, ids_cpu)), -1);
+        halden::test::expect_same_bits(on(cuda, supersample, ids_gpu), on("cpu", supersample, ids_cpu));
         // Ids agree wherever one triangle wins outright; count the cells where they differ.
         int differ = 0;
         for (int i = 0; i < n * n; ++i) differ += ids_gpu[i] != ids_cpu[i];

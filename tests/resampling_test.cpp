@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <random>
 #include <vector>
 
 #include "core/resampling.hpp"
@@ -20,7 +19,6 @@ using halden::core::grid;
 using halden::core::grid_buffer;
 using halden::test::download;
 using halden::test::random_cells;
-using halden::test::first_difference;
 using halden::test::upload;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -72,8 +70,8 @@ struct ref {
     }
 };
 
-TEST_P(Resampling, DownsampleBoxAveragesAndIgnoresTheOddTail) {
-    // 5 x 5, row 4 and column 4 poisoned: they must never be read.
+TEST_P(Resampling, HandWorkedCells) {
+    // Downsample box, 5 x 5 with row 4 and column 4 poisoned: they must never be read.
     std::vector<float> in(25);
     for (int i = 0; i < 25; ++i) in[i] = (i % 5 == 4 || i >= 20) ? kNaN : float(i);
     grid src = upload(*q, in, 5, 5);
@@ -88,16 +86,13 @@ TEST_P(Resampling, DownsampleBoxAveragesAndIgnoresTheOddTail) {
         resampling::downsample_box(bsrc, bdst, *q);
     }
     expect_same_bits(host, {3.0f, 5.0f, 13.0f, 15.0f});
-}
 
-TEST_P(Resampling, DownsampleMagicSpreadsAnImpulseOverFourCells) {
-    // A 64 at (1, 1) of a 4 x 4 grid is the centre tap of output (0, 0), an
-    // edge tap of (0, 1) and (1, 0), and a corner tap of (1, 1).
-    std::vector<float> in(16, 0.0f);
-    in[5] = 64.0f;
-    grid src = upload(*q, in, 4, 4);
-    grid dst(*q, {2, 2});
-    resampling::downsample_magic(dst, src);
+    // Downsample magic: a 64 at (1, 1) of a 4 x 4 grid is the centre tap of
+    // output (0, 0), an edge tap of (0, 1) and (1, 0), and a corner tap of (1, 1).
+    std::vector<float> spike(16, 0.0f);
+    spike[5] = 64.0f;
+    grid impulse = upload(*q, spike, 4, 4);
+    resampling::downsample_magic(dst, impulse);
     expect_same_bits(download(dst), {9.0f, 3.0f, 3.0f, 1.0f});
 
     // 2 x 2 into 1 x 1: every tap clamps into the grid; the weights sum to 64.
@@ -105,9 +100,8 @@ TEST_P(Resampling, DownsampleMagicSpreadsAnImpulseOverFourCells) {
     grid one(*q, {1, 1});
     resampling::downsample_magic(one, small);
     expect_same_bits(download(one), {2.5f});
-}
 
-TEST_P(Resampling, UpsampleMagicHandWorked) {
+    // Upsample magic.
     grid g = upload(*q, {0.0f, 16.0f, 32.0f, 48.0f}, 2, 2);
     resampling::upsample_magic(g);
     ASSERT_EQ(g.extent().rows, 4u);
@@ -116,17 +110,14 @@ TEST_P(Resampling, UpsampleMagicHandWorked) {
     // (0,0): all taps on the corner parent. (0,1): parent 0, side 16 twice,
     // diagonal 16: (48 + 16) / 16. (1,1): (3 (32 + 16) + 48) / 16.
     // (2,2): (9 * 48 + 3 (32 + 16) + 0) / 16.
-    EXPECT_EQ(out[0], 0.0f);
-    EXPECT_EQ(out[1], 4.0f);
-    EXPECT_EQ(out[5], 12.0f);
-    EXPECT_EQ(out[10], 36.0f);
+    expect_same_bits({out[0], out[1], out[5], out[10]}, {0.0f, 4.0f, 12.0f, 36.0f});
 
     grid cell = upload(*q, {7.25f}, 1, 1);
     resampling::upsample_magic(cell);
     expect_same_bits(download(cell), {7.25f, 7.25f, 7.25f, 7.25f});
 }
 
-TEST_P(Resampling, ConstantsStayConstant) {
+TEST_P(Resampling, ConstantsStayConstantAndSharpenKeepsARampInside) {
     // -2.25 times any small integer is exact, so every sum is too.
     for (auto [w, h] : {std::pair{7, 5}, std::pair{1, 1}, std::pair{2, 9}, std::pair{16, 16}}) {
         SCOPED_TRACE(testing::Message() << w << " x " << h);
@@ -148,9 +139,8 @@ TEST_P(Resampling, ConstantsStayConstant) {
         resampling::sharpen_magic(sharp);
         expect_same_bits(download(sharp), in);
     }
-}
 
-TEST_P(Resampling, SharpenKeepsARampInsideButNotAtTheBorder) {
+    // Sharpening keeps a ramp inside the grid.
     const int w = 6, h = 5;
     std::vector<float> in(std::size_t(w) * h);
     for (int y = 0; y < h; ++y)
@@ -161,7 +151,6 @@ TEST_P(Resampling, SharpenKeepsARampInsideButNotAtTheBorder) {
     for (int y = 1; y < h - 1; ++y)
         for (int x = 1; x < w - 1; ++x) EXPECT_EQ(out[std::size_t(y) * w + x], in[std::size_t(y) * w + x]);
     // Replicated borders bend the ramp: the corner overshoots it.
-    EXPECT_NE(out[0], in[0]);
     EXPECT_LT(out[0], in[0]);
 }
 
