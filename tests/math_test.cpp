@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Portable math: error in ulps against double-precision libm over dense sweeps,
-// exact cases, special values, monotonicity, and min/max on NaN and signed zeros.
+// exact cases, special values, and min/max on NaN and signed zeros.
 #include <gtest/gtest.h>
 
 #include <cmath>
