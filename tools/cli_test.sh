@@ -65,8 +65,18 @@ expect 0 "devices" "$halden" devices
 check "devices names the cpu key" grep -q '"cpu"' out.txt
 expect 0 "devices --json" "$halden" devices --json
 check "devices --json prints an array" grep -q '^\[{"name": ' out.txt
+sample=/usr/share/matplotlib/mpl-data/sample_data/jacksboro_fault_dem.npz
+gdal=$("$halden" --help | grep -q 'built in: yes' && echo yes)
 expect 0 "demo --size 64 --out demo" "$halden" demo --size 64 --out demo
-for f in terrain.npy median.npy thermal.npy flow.npy shaded.png; do check "demo wrote $f" test -s "demo/$f"; done
+check "demo times its steps" grep -q '^  thermal shaping  *[0-9.]* ms' out.txt
+for f in terrain.npy median.npy thermal.npy flow.npy relief.png flow.png; do check "demo wrote $f" test -s "demo/$f"; done
+if [ -n "$gdal" ] && [ -r "$sample" ]; then
+    for f in dem-relief.png dem-flow.png; do check "demo wrote $f from the real model" test -s "demo/$f"; done
+else
+    echo "skip: demo on the real model (no GDAL or no $sample)"
+fi
+expect 0 "demo --json" "$halden" demo --size 16 --out demo16 --dem none --json
+check "demo --json lists the steps" grep -q '"steps": \[{"step": "generate terrain 16x16", "device": null, ' out.txt
 cells=$((64 * 64))
 # The demo's .npy header is padded to a multiple of 64 bytes; the data follows.
 tail -c $((cells * 4)) demo/terrain.npy >terrain.raw
@@ -89,9 +99,9 @@ expect 1 "median --radius 9" "$halden" median demo/terrain.npy out.npy --radius 
 
 # --- thermal-shape ------------------------------------------------------------------------
 expect 0 "thermal-shape, defaults" "$halden" thermal-shape demo/terrain.npy shaped.npy
-check "thermal-shape prints its parameters" grep -q '^thermal-shape 64x64, amount -0.5, strength 1 on ' out.txt
+check "thermal-shape prints its parameters" grep -q '^thermal-shape 64x64, amount -0.5, strength 1, 64 wide on ' out.txt
 check "thermal-shape changed the heights" eval '! cmp -s shaped.npy demo/terrain.npy'
-expect 0 "thermal-shape with the demo's extent" "$halden" thermal-shape demo/terrain.npy demo-like.npy --extent 10000
+expect 0 "thermal-shape with the demo's extent" "$halden" thermal-shape demo/median.npy demo-like.npy --extent 10000
 check "thermal-shape matches the demo's result" cmp demo-like.npy demo/thermal.npy
 expect 0 "thermal-shape --strength 0" "$halden" thermal-shape demo/terrain.npy same.npy --strength 0 --amount 0.5
 check "strength 0 returns the input bit for bit" cmp same.npy demo/terrain.npy
@@ -106,7 +116,7 @@ for bad in "--amount nan" "--strength 1x" "--extent 0" "--frobnicate"; do
 done
 
 # --- flow -----------------------------------------------------------------------------------
-expect 0 "flow, defaults" "$halden" flow demo/terrain.npy flow.npy
+expect 0 "flow, defaults" "$halden" flow demo/thermal.npy flow.npy
 check "flow draws no bar when stderr is not a terminal" test ! -s err.txt
 check "flow matches the demo's result" cmp flow.npy demo/flow.npy
 expect 0 "flow --seed 2 --json" "$halden" flow demo/terrain.npy seed2.npy --seed 2 --json
@@ -151,27 +161,27 @@ fi
 # --- shade ------------------------------------------------------------------------------------
 expect 0 "shade, defaults" "$halden" shade demo/terrain.npy shaded.png
 check "shade prints its lighting" grep -q '^shade 64x64, sun 225/35, 7 sun samples, 32 sky directions (traced) on ' out.txt
-expect 0 "shade as the demo does" "$halden" shade demo/terrain.npy demo-like.png --terrain-size 10000
-check "shade matches the demo's picture" cmp demo-like.png demo/shaded.png
+expect 0 "shade as the demo does" "$halden" shade demo/thermal.npy demo-like.png --terrain-size 10000
+check "shade matches the demo's picture" cmp demo-like.png demo/relief.png
 # The chunks' CRCs hold, IHDR gives the size and 8-bit RGB, and the zlib
 # stream (its Adler-32 checked by decompression) holds every row.
-py "the PNG is 64x64 RGB and decodes" 'import struct, sys, zlib
+png_ok='import struct, sys, zlib
 d = open(sys.argv[1], "rb").read(); assert d[:8] == b"\x89PNG\r\n\x1a\n"
 at, idat = 8, b""
 while at < len(d):
     (n,) = struct.unpack(">I", d[at:at + 4]); kind, body = d[at + 4:at + 8], d[at + 8:at + 8 + n]
     assert struct.unpack(">I", d[at + 8 + n:at + 12 + n])[0] == zlib.crc32(kind + body)
-    if kind == b"IHDR": assert struct.unpack(">IIBBBBB", body) == (64, 64, 8, 2, 0, 0, 0)
+    if kind == b"IHDR": assert struct.unpack(">IIBBBBB", body) == (w, h, 8, 2, 0, 0, 0)
     if kind == b"IDAT": idat += body
     at += 12 + n
-assert len(zlib.decompress(idat)) == 64 * (1 + 3 * 64)' shaded.png
+assert len(zlib.decompress(idat)) == h * (1 + 3 * w)'
+py "the PNG is 64x64 RGB and decodes" "w, h = 64, 64; $png_ok" shaded.png
 expect 0 "shade --hybrid-ao and the grids" "$halden" shade demo/terrain.npy hybrid.png --hybrid-ao \
     --diffuse diffuse.npy --shadow shadow.npy --ao-out ao.raw
 check "the hybrid sky differs from the traced one" eval '! cmp -s hybrid.png shaded.png'
 check "shade wrote the ao grid" test "$(wc -c <ao.raw)" = $((cells * 4))
-expect 2 "shade of a 128x32 grid with shadows" "$halden" shade terrain.raw wide.png --size 128
-expect 0 "shade of a 128x32 grid, --no-shadows --no-ao" "$halden" shade terrain.raw wide.png --size 128 \
-    --no-shadows --no-ao
+expect 0 "shade of a 128x32 grid with shadows" "$halden" shade terrain.raw wide.png --size 128
+py "the picture keeps the grid's shape" "w, h = 128, 32; $png_ok" wide.png
 expect 1 "shade into a file not named .png" "$halden" shade demo/terrain.npy picture.npy
 expect 1 "shade --sun-elevation 91" "$halden" shade demo/terrain.npy out.png --sun-elevation 91
 
@@ -210,6 +220,54 @@ check "the quad is named by file and line" grep -q 'quad.obj:5: only triangles a
 printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf 1 2 9\n' >bad-index.obj
 expect 2 "rasterize a face with a bad index" "$halden" rasterize bad-index.obj out.npy --size 4 4
 expect 1 "rasterize --size with one value" "$halden" rasterize square.obj out.npy --size 4
+
+# --- file formats ----------------------------------------------------------------------------
+if [ -n "$gdal" ]; then
+    printf 'ncols 4\nnrows 3\nxllcorner 500000\nyllcorner 4100000\ncellsize 30\nNODATA_value -9999\n' >in.asc
+    printf '%s\n' '1 2 3 4' '5 -9999 7 8' '9 10 11 12' >>in.asc
+    expect 0 "ASCII grid to GeoTIFF" "$halden" thermal-shape in.asc shaped.tif --strength 0
+    expect 0 "GeoTIFF to ASCII grid" "$halden" flow shaped.tif back.asc --length 0
+    check "the georeference and no-data value are carried" grep -qzE \
+        'xllcorner +500000.*yllcorner +4100000.*cellsize +30.*NODATA_value +-9999' back.asc
+    check "the no-data cell stays no-data" eval "sed -n 8p back.asc | awk '{ exit \$2 != -9999 }'"
+    expect 0 "GeoTIFF to .npy" "$halden" thermal-shape shaped.tif same.npy --strength 0
+    py "heights and the no-data value survive the GeoTIFF" 'import sys; from grid_load import load
+sys.exit(0 if list(load(sys.argv[1])[:6]) == [1, 2, 3, 4, 5, -9999] else 1)' same.npy
+
+    expect 0 "16-bit PNG out, its own range" "$halden" median demo/terrain.npy heights.png --iterations 0
+    check "the PNG's range is stated" grep -q 'heights.png: heights .* to .* stored as 16-bit samples 0 to 65535' err.txt
+    expect 0 "16-bit PNG back in" "$halden" median heights.png back.npy --iterations 0
+    expect 0 "16-bit PNG out and in with --range" "$halden" median demo/terrain.npy ranged.png --iterations 0 --range -100 1100
+    expect 0 "16-bit PNG in with --range" "$halden" median ranged.png ranged.npy --iterations 0 --range -100 1100
+    py "PNG heights come back within half a step" 'import sys; from grid_load import load
+a, b, c = load(sys.argv[1]), load(sys.argv[2]), load(sys.argv[3])
+step = (max(a) - min(a)) / 65535
+ranged = max(abs(min(max(x, -100), 1100) - y) for x, y in zip(a, c))  # spikes and pits clip
+sys.exit(0 if max(abs(x - y) for x, y in zip(a, b)) <= step and ranged <= 1200 / 65535 else 1)' \
+        demo/terrain.npy back.npy ranged.npy
+
+    head -c $((1201 * 1201 * 2)) /dev/zero >N36W085.hgt
+    expect 0 "an SRTM tile" "$halden" median N36W085.hgt tile.tif --iterations 0
+    check "the tile is 1201x1201" grep -q '^median 1201x1201,' out.txt
+    cp shaped.tif kept.tif
+    expect 3 "a failed run keeps the old output" "$halden" blur demo/terrain.npy kept.tif --device no-such-device
+    check "the old GeoTIFF is unchanged" cmp kept.tif shaped.tif
+    expect 2 "an unknown output format" "$halden" blur demo/terrain.npy out.unknownformat
+    check "it says so" grep -q 'unknown format' err.txt
+    echo "not a raster" >garbage.tif
+    expect 2 "a file GDAL cannot read" "$halden" blur garbage.tif out.npy
+    if [ -r "$sample" ]; then
+        expect 0 "the real model: shade" "$halden" shade "$sample" dem.png --height-scale 3
+        check "it is 403x344" grep -q '^shade 403x344,' out.txt
+        expect 0 "the real model: flow of a named array" "$halden" flow "$sample:elevation" dem-flow.tif
+        expect 2 "a missing array" "$halden" flow "$sample:nothing" out.npy
+    else
+        echo "skip: the real model ($sample not installed)"
+    fi
+else
+    expect 2 "GeoTIFF without GDAL" "$halden" blur demo/terrain.npy out.tif
+    check "it says why" grep -q 'built without GDAL' err.txt
+fi
 
 # --- common failures and help ------------------------------------------------------------------
 for command in median thermal-shape flow blur; do

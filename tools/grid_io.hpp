@@ -1,37 +1,70 @@
 // SPDX-License-Identifier: Apache-2.0
-// Row-major float32 grids in .npy or raw form.
+// Height grids in files: .npy, .npz, raw float32 and, when built with GDAL,
+// every raster format GDAL reads (GeoTIFF, PNG, ESRI ASCII grid, SRTM .hgt,
+// ...) or writes.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+// Where a grid lies on the earth and which value marks its missing cells, as
+// far as the file said; carried from an input to the outputs made from it.
+struct Georeference {
+    bool has_transform = false;
+    double transform[6] = {};  // GDAL's affine geotransform
+    std::string projection;    // WKT, empty when unknown
+    bool has_nodata = false;
+    double nodata = 0.0;
+};
 
 struct Grid {
     uint32_t width = 0;        // cells per row (a .npy file's columns)
     uint32_t height = 0;       // rows
-    std::vector<float> cells;  // width * height values, row-major
+    std::vector<float> cells;  // width * height values, row-major; NaN where the file had no data
+    Georeference georeference;
 
     bool square() const { return width == height; }
 };
 
+// Integer PNG samples 0 .. 2^bits - 1 stand for heights LO .. HI.
+using HeightRange = std::optional<std::pair<float, float>>;
+
+struct ReadOptions {
+    uint32_t width = 0;  // of a raw file; 0: the file must hold a square number of floats
+    HeightRange range;   // of an integer PNG; otherwise its own scale and offset, or the samples as they are
+};
+
+// True when GDAL was built in.
+bool have_gdal();
+
 // True when the name ends in ".npy" (any case).
 bool has_npy_extension(const std::string& path);
 
-// Reads IN: a .npy file (recognised by its magic bytes), whose shape (rows,
-// cols) gives height and width, or raw float32 rows of `width` values; a raw
-// file read with `width` 0 must hold a square number of values. `width` is
-// not checked against a .npy shape: the caller knows what it asked for. On
-// failure sets `error`.
-bool read_grid(const std::string& path, uint32_t width, Grid& grid, std::string& error);
+// Reads a grid, picking the format by the name's extension: .npy (any real
+// dtype, converted to float32), .npz (its first 2-D array, or NAME with
+// "FILE.npz:NAME"; needs GDAL), .raw/.f32/.r32/.bin (float32 rows of
+// `options.width`), anything else through GDAL (band 1). Cells equal to the
+// file's no-data value come back as NaN. `note` gets a line worth telling the
+// user (how PNG samples were mapped), or stays empty. On failure sets `error`
+// to "PATH: reason".
+bool read_grid(const std::string& path, const ReadOptions& options, Grid& grid, std::string& error,
+               std::string& note);
 
 // Writes `path` through a temporary file in the same directory that `write`
 // fills and that is renamed over `path` only when everything was written, so
 // an existing file is replaced only by complete content.
 bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error);
 
-// Writes .npy (v1.0, '<f4') when the name ends in .npy, raw float32 otherwise.
-// Goes through a temporary file in the same directory that is renamed over
-// `path`, so an existing file is replaced only once everything is written.
-bool write_grid(const std::string& path, const Grid& grid, std::string& error);
+// Writes a grid in the format of the name's extension, as read_grid picks it;
+// .npz is read only. NaN cells take the grid's no-data value where it has one.
+// GDAL formats get the georeference; a PNG gets 16-bit samples spanning
+// `range`, or the grid's least and greatest heights, which `note` then states.
+// Replaces an existing file (and the side files GDAL writes beside it) only on
+// success.
+bool write_grid(const std::string& path, const Grid& grid, const HeightRange& range, std::string& error,
+                std::string& note);

@@ -41,113 +41,120 @@ const char kUsageText[] =
     "\n"
     "commands:\n"
     "  devices        list the devices and their keys\n"
-    "  median         median-filter a square float32 grid (.npy or raw)\n"
-    "  thermal-shape  wear down the ridges (or fill the valleys) of a float32 height grid\n"
-    "  flow           map where water runs on a float32 height grid\n"
-    "  shade          light a float32 height grid with sun and sky and write a PNG picture\n"
-    "  blur           blur a square float32 grid with an almost-Gaussian filter\n"
-    "  rasterize      render a triangle mesh (Wavefront OBJ) into a float32 height grid\n"
-    "  demo           process a generated terrain on every device and compare the results\n"
+    "  median         median-filter a square height grid\n"
+    "  thermal-shape  wear down the ridges (or fill the valleys) of a height grid\n"
+    "  flow           map where water runs on a height grid\n"
+    "  shade          light a height grid with sun and sky and write a PNG picture\n"
+    "  blur           blur a square grid with an almost-Gaussian filter\n"
+    "  rasterize      render a triangle mesh (Wavefront OBJ) into a height grid\n"
+    "  demo           shape, flow-map and shade a generated terrain and a real one into pictures\n"
     "\n"
-    "options of every command:\n"
-    "  --verbose   also show the library's information messages\n"
-    "  -h, --help  show the help of a command (halden <command> --help)\n"
+    "options of the grid commands:\n"
+    "  --device KEY   cpu (the host device, default), gpu (the first CUDA device) or a\n"
+    "                 key listed by 'halden devices'\n"
+    "  --size W       width of a raw IN, whose height is then its value count / W;\n"
+    "                 without it a raw IN must hold a square number of floats. Other\n"
+    "                 formats bring their own shape, which W must then match\n"
+    "  --range LO HI  the heights that a PNG's samples 0 and 65535 (255 in an 8-bit\n"
+    "                 PNG) stand for, in IN and in OUT\n"
+    "  --quiet        print nothing on success\n"
+    "  --json         print the timing as one JSON object instead of a line\n"
+    "  --verbose      also show the library's information messages\n"
+    "  -h, --help     show the help of a command (halden <command> --help)\n"
+    "\n"
+    "files (the format follows the name's extension):\n"
+    "  .npy               NumPy array, 2-D, any real dtype (read as float32); written\n"
+    "                     as float32\n"
+    "  .npz               NumPy archive, read only: its first 2-D array, or the one\n"
+    "                     named NAME with FILE.npz:NAME\n"
+    "  .raw .f32 .r32 .bin  little-endian float32 rows (see --size)\n"
+    "  .tif .tiff         GeoTIFF (float32, deflate-compressed)\n"
+    "  .png               16-bit greyscale: the samples span --range LO HI or, without\n"
+    "                     it, OUT's least to greatest height (stated, and kept in\n"
+    "                     OUT.png.aux.xml, which reading the file back applies)\n"
+    "  .asc               ESRI ASCII grid     .hgt  SRTM tile (16-bit integers)\n"
+    "  any other          read: any raster GDAL opens (band 1); written: the GDAL\n"
+    "                     driver that claims the extension (.exr where GDAL has it)\n"
+    "  All but .npy and raw need GDAL (built in: %s). The georeference and the\n"
+    "  no-data value of IN are carried to OUT; no-data cells take the lowest height\n"
+    "  while an operation runs and are no-data again in OUT. An existing OUT is\n"
+    "  replaced only when the operation succeeded.\n"
     "\n"
     "exit codes:\n"
     "  0  success\n"
     "  1  usage error (unknown command or option, bad option value, an OUT of the wrong\n"
     "     kind)\n"
-    "  2  input/output error (unreadable or unwritable file, bad size, unknown format,\n"
-    "     a grid of the wrong shape for the command, a malformed mesh file)\n"
+    "  2  input/output error (unreadable or unwritable file, unknown format, a size that\n"
+    "     does not fit, a grid of the wrong shape for the command, a malformed mesh)\n"
     "  3  device or operation error (no matching device, an error reported by the library,\n"
     "     not enough device memory, a run cancelled with Ctrl-C)\n"
-    "  4  demo: the devices' results differ\n";
+    "  4  demo --device all: the devices' results differ\n";
 
 const char kDevicesUsage[] =
     "usage: halden devices [--json]\n"
     "\n"
-    "Lists the usable devices: index, name and key. A key selects its device in\n"
-    "'halden median', 'halden thermal-shape', 'halden flow', 'halden shade',\n"
-    "'halden blur' and 'halden rasterize' (--device KEY); the key \"cpu\" always\n"
-    "selects the host device.\n"
+    "Lists the usable devices: index, name and key. A key selects its device in the\n"
+    "other commands (--device KEY); the key \"cpu\" always selects the host device.\n"
     "\n"
     "  --json  print a JSON array of {\"name\", \"key\", \"backend\", \"type\"}\n";
 
 const char kMedianUsage[] =
-    "usage: halden median IN OUT [--radius R] [--iterations N] [--device KEY]\n"
-    "                            [--size W] [--quiet] [--json]\n"
+    "usage: halden median IN OUT [--radius R] [--iterations N] [--device KEY] [--size W]\n"
+    "                            [--range LO HI] [--quiet] [--json]\n"
     "\n"
-    "Median-filters the square float32 grid in IN on one device and writes it to OUT.\n"
-    "IN is a .npy file ('<f4' or '<f8', 2-D, C order, square) or raw little-endian\n"
-    "float32 values. OUT is written as .npy ('<f4') when its name ends in .npy, as raw\n"
-    "float32 otherwise; an existing OUT is replaced only on success.\n"
+    "Median-filters the square height grid in IN on one device and writes it to OUT:\n"
+    "spikes and pits go, edges stay.\n"
     "\n"
     "  --radius R      radius of the circular window, 1 to 8 (default 2)\n"
     "  --iterations N  number of passes (default 1)\n"
-    "  --device KEY    cpu (the host device, default), gpu (the first CUDA device)\n"
-    "                  or a key listed by 'halden devices'\n"
-    "  --size W        width of a raw IN, whose height is then its value count / W;\n"
-    "                  without it IN must hold a square number of floats. A .npy IN\n"
-    "                  brings its own shape, which W must then match\n"
-    "  --quiet         print nothing on success\n"
-    "  --json          print {\"operation\", \"device\", \"size\", \"milliseconds\"} instead\n"
+    "  --json          print {\"operation\", \"device\", \"size\", \"milliseconds\"}\n"
     "\n"
     "A grid that is not square exits 2. Throughput counts cells times iterations.\n"
-    "Exit codes: see 'halden --help'.\n";
+    "File formats, common options and exit codes: see 'halden --help'.\n";
 
 const char kThermalUsage[] =
     "usage: halden thermal-shape IN OUT [--mask M] [--amount A] [--strength T]\n"
     "                                   [--height-scale S] [--extent E] [--level-factor F]\n"
-    "                                   [--device KEY] [--size W] [--quiet] [--json]\n"
+    "                                   [--device KEY] [--size W] [--range LO HI] [--quiet] [--json]\n"
     "\n"
-    "Reshapes the float32 height grid in IN on one device and writes it to OUT: cells\n"
-    "are lowered by slope and curvature on every level of a pyramid, coarse to fine,\n"
-    "and the result is blended with the input. IN is a .npy file ('<f4' or '<f8', 2-D\n"
-    "of shape (height, width), C order) or raw little-endian float32 rows. OUT is\n"
-    "written as .npy ('<f4') when its name ends in .npy, as raw float32 otherwise; an\n"
-    "existing OUT is replaced only on success.\n"
+    "Reshapes the height grid in IN on one device and writes it to OUT: cells are\n"
+    "lowered by slope and curvature on every level of a pyramid, coarse to fine, and\n"
+    "the result is blended with the input.\n"
     "\n"
-    "  --mask M          a grid of IN's width and height (.npy, or raw in rows of IN's\n"
-    "                    width) that scales the lowering per cell: 0 keeps a cell,\n"
-    "                    1 shapes it fully; a mask of another shape exits 2\n"
+    "  --mask M          a grid of IN's shape that scales the lowering per cell: 0\n"
+    "                    keeps a cell, 1 shapes it fully (a PNG's samples span 0 to\n"
+    "                    1); a mask of another shape exits 2\n"
     "  --amount A        lowering rate per pass (default -0.5): negative wears down\n"
     "                    ridges and peaks, zero or positive widens and fills valleys\n"
     "  --strength T      blend with the input: 0 returns IN, 1 the shaped field,\n"
     "                    past 1 exaggerates (default 1)\n"
     "  --height-scale S  world height of one height unit, > 0 (default 1); also\n"
     "                    lowers the pyramid depth\n"
-    "  --extent E        world width of the whole grid, > 0 (default: the width in\n"
-    "                    cells, so one cell is one height unit wide); larger values\n"
-    "                    mean gentler slopes, so less is worn away\n"
+    "  --extent E        world width of the whole grid, > 0 (default: from IN's\n"
+    "                    georeference in metres, else the width in cells, so one cell\n"
+    "                    is one height unit wide); larger values mean gentler slopes,\n"
+    "                    so less is worn away\n"
     "  --level-factor F  scales the pyramid depth, > 0 (default 0.125: the coarsest\n"
     "                    level is about 16 cells wide)\n"
-    "  --device KEY      cpu (the host device, default), gpu (the first CUDA device)\n"
-    "                    or a key listed by 'halden devices'\n"
-    "  --size W          width of a raw IN, whose height is then its value count / W;\n"
-    "                    without it IN must hold a square number of floats. A .npy IN\n"
-    "                    brings its own shape, which W must then match\n"
-    "  --quiet           print nothing on success\n"
     "  --json            print {\"operation\", \"device\", \"width\", \"height\",\n"
-    "                    \"milliseconds\"} instead\n"
+    "                    \"milliseconds\"}\n"
     "\n"
-    "Numbers must be finite and in plain decimal or exponent form. Exit codes: see\n"
-    "'halden --help'; not enough device memory exits 3.\n";
+    "Numbers must be finite and in plain decimal or exponent form. File formats,\n"
+    "common options and exit codes: see 'halden --help'.\n";
 
 const char kFlowUsage[] =
     "usage: halden flow IN OUT [--mask M] [--length L] [--accumulation A] [--seed S]\n"
-    "                          [--device KEY] [--size W] [--quiet] [--json] [--no-progress]\n"
+    "                          [--device KEY] [--size W] [--range LO HI] [--quiet] [--json]\n"
+    "                          [--no-progress]\n"
     "\n"
-    "Computes the flow map of the float32 height grid in IN on one device and writes\n"
-    "it to OUT: the pits are filled, a particle starts from every cell and runs\n"
-    "downhill, and each cell's value grows with the particles that crossed it (0 where\n"
-    "none did). IN is a .npy file ('<f4' or '<f8', 2-D of shape (height, width), C\n"
-    "order) or raw little-endian float32 rows. OUT, of IN's shape, is written as .npy\n"
-    "('<f4') when its name ends in .npy, as raw float32 otherwise; an existing OUT is\n"
-    "replaced only on success.\n"
+    "Computes the flow map of the height grid in IN on one device and writes it to\n"
+    "OUT: the pits are filled, a particle starts from every cell and runs downhill,\n"
+    "and each cell's value grows with the particles that crossed it (0 where none\n"
+    "did). OUT has IN's shape; --range applies to IN only.\n"
     "\n"
-    "  --mask M          a grid of IN's width and height (.npy, or raw in rows of IN's\n"
-    "                    width) giving each cell's chance of starting a particle: 0\n"
-    "                    never, 1 always; a mask of another shape exits 2\n"
+    "  --mask M          a grid of IN's shape giving each cell's chance of starting a\n"
+    "                    particle: 0 never, 1 always (a PNG's samples span 0 to 1); a\n"
+    "                    mask of another shape exits 2\n"
     "  --length L        how far the long traces run, as a fraction of the width, at\n"
     "                    least 0 (default 0.5): 0 gives each a single visit, 1 lets\n"
     "                    rivers cross the whole map\n"
@@ -156,37 +163,29 @@ const char kFlowUsage[] =
     "                    values make big rivers stand out\n"
     "  --seed S          seed of every random choice, 0 to 4294967295 (default 1); a\n"
     "                    seed gives the same map on every device\n"
-    "  --device KEY      cpu (the host device, default), gpu (the first CUDA device)\n"
-    "                    or a key listed by 'halden devices'\n"
-    "  --size W          width of a raw IN, whose height is then its value count / W;\n"
-    "                    without it IN must hold a square number of floats. A .npy IN\n"
-    "                    brings its own shape, which W must then match\n"
-    "  --quiet           print nothing on success\n"
     "  --json            print {\"operation\", \"device\", \"width\", \"height\",\n"
-    "                    \"milliseconds\"} instead\n"
+    "                    \"milliseconds\"}\n"
     "  --no-progress     draw no progress bar; one is drawn on stderr only when that\n"
     "                    is a terminal, and never with --quiet or --json\n"
     "\n"
     "Ctrl-C cancels the run: OUT is not written and the exit code is 3 (a second\n"
     "Ctrl-C stops at once). Numbers must be finite and in plain decimal or exponent\n"
-    "form. Exit codes: see 'halden --help'; not enough device memory exits 3.\n";
+    "form. File formats, common options and exit codes: see 'halden --help'.\n";
 
 const char kShadeUsage[] =
     "usage: halden shade IN OUT.png [--sun-azimuth DEG] [--sun-elevation DEG] [--shadows N]\n"
     "                               [--sun-size DEG] [--ao N] [--hybrid-ao] [--no-shadows]\n"
     "                               [--no-ao] [--terrain-size S] [--height-scale H]\n"
     "                               [--exposure E] [--diffuse D] [--shadow S] [--ao-out A]\n"
-    "                               [--device KEY] [--size W] [--quiet] [--json]\n"
+    "                               [--device KEY] [--size W] [--range LO HI] [--quiet] [--json]\n"
     "\n"
-    "Lights the float32 height grid in IN with sun and sky on one device and writes\n"
-    "the picture to OUT.png, an 8-bit sRGB PNG whose top row is the grid's first row.\n"
+    "Lights the height grid in IN with sun and sky on one device and writes the\n"
+    "picture to OUT.png, an 8-bit sRGB PNG whose top row is the grid's first row.\n"
     "A cell's colour is (sun colour x the cosine of the sun on its slope x the share\n"
     "of the sun's disc not hidden by terrain + 0.4 x sky colour x its sky visibility)\n"
     "x exposure, with a sun colour of (1, 0.95, 0.85) and a sky colour of (0.6, 0.7,\n"
-    "1). IN is a .npy file ('<f4' or '<f8', 2-D of shape (height, width), C order) or\n"
-    "raw little-endian float32 rows. Shadows and sky visibility need a square grid:\n"
-    "another shape exits 2 unless both are off. An existing output file is replaced\n"
-    "only once its new content is complete.\n"
+    "1). Shadows and sky visibility are traced over a square: a grid of another shape\n"
+    "is extended to one by repeating its last row or column. No-data cells are black.\n"
     "\n"
     "  --sun-azimuth DEG    direction of the sun in degrees from the grid's +x axis\n"
     "                       (along a row: rightwards in the picture) towards +y (down\n"
@@ -202,9 +201,11 @@ const char kShadeUsage[] =
     "                       tracing it from every cell: about a quarter of the work\n"
     "  --no-shadows         no sun shadows: every cell gets the sun its slope faces\n"
     "  --no-ao              no sky visibility: every cell sees the whole sky\n"
-    "  --terrain-size S     world width of the whole grid, > 0 (default: the width in\n"
-    "                       cells, so one cell is one height unit wide)\n"
-    "  --height-scale H     world height of one height unit, > 0 (default 1)\n"
+    "  --terrain-size S     world width of the whole grid, > 0 (default: from IN's\n"
+    "                       georeference in metres, else the width in cells, so one\n"
+    "                       cell is one height unit wide)\n"
+    "  --height-scale H     world height of one height unit, > 0 (default 1); above 1\n"
+    "                       it exaggerates the relief\n"
     "  --exposure E         factor of the colour before it is clipped to the picture's\n"
     "                       range, > 0 (default 0.6, which keeps sunlit ground below\n"
     "                       white)\n"
@@ -214,49 +215,34 @@ const char kShadeUsage[] =
     "  --ao-out A           also write the sky visibility: 4 x the mean cosine of the\n"
     "                       open sky directions, about 2 on open flat ground (not with\n"
     "                       --no-ao)\n"
-    "                       D, S and A are written as .npy ('<f4') when their names\n"
-    "                       end in .npy, as raw float32 otherwise\n"
-    "  --device KEY         cpu (the host device, default), gpu (the first CUDA device)\n"
-    "                       or a key listed by 'halden devices'\n"
-    "  --size W             width of a raw IN, whose height is then its value count / W;\n"
-    "                       without it IN must hold a square number of floats. A .npy IN\n"
-    "                       brings its own shape, which W must then match\n"
-    "  --quiet              print nothing on success\n"
     "  --json               print {\"operation\", \"device\", \"width\", \"height\",\n"
-    "                       \"milliseconds\"} instead\n"
+    "                       \"milliseconds\"}\n"
     "\n"
     "OUT must end in .png. Numbers must be finite and in plain decimal or exponent\n"
-    "form. Exit codes: see 'halden --help'; not enough device memory exits 3.\n";
+    "form. File formats, common options and exit codes: see 'halden --help'.\n";
 
 const char kBlurUsage[] =
-    "usage: halden blur IN OUT [--radius R] [--device KEY] [--size W] [--quiet] [--json]\n"
+    "usage: halden blur IN OUT [--radius R] [--device KEY] [--size W] [--range LO HI]\n"
+    "                          [--quiet] [--json]\n"
     "\n"
-    "Blurs the square float32 grid in IN on one device and writes it to OUT: two box\n"
-    "filters along the rows and two along the columns, which together come close to\n"
-    "a Gaussian. Each box gives full weight to the 2 trunc(R) + 1 cells around a cell\n"
+    "Blurs the square grid in IN on one device and writes it to OUT: two box filters\n"
+    "along the rows and two along the columns, which together come close to a\n"
+    "Gaussian. Each box gives full weight to the 2 trunc(R) + 1 cells around a cell\n"
     "and weight R - trunc(R) to the next cell either side, so the blur grows smoothly\n"
     "with R; cells past the edges repeat the edge cells, so a constant grid stays\n"
-    "constant. IN is a .npy file ('<f4' or '<f8', 2-D, C order, square) or raw\n"
-    "little-endian float32 values. OUT is written as .npy ('<f4') when its name ends\n"
-    "in .npy, as raw float32 otherwise; an existing OUT is replaced only on success.\n"
+    "constant.\n"
     "\n"
-    "  --radius R    radius of the boxes in cells, a positive number (default 12: boxes\n"
-    "                25 cells wide); larger radii blur more at the same cost\n"
-    "  --device KEY  cpu (the host device, default), gpu (the first CUDA device) or a\n"
-    "                key listed by 'halden devices'\n"
-    "  --size W      width of a raw IN, whose height is then its value count / W;\n"
-    "                without it IN must hold a square number of floats. A .npy IN\n"
-    "                brings its own shape, which W must then match\n"
-    "  --quiet       print nothing on success\n"
-    "  --json        print {\"operation\", \"device\", \"size\", \"milliseconds\"} instead\n"
+    "  --radius R  radius of the boxes in cells, a positive number (default 12: boxes\n"
+    "              25 cells wide); larger radii blur more at the same cost\n"
+    "  --json      print {\"operation\", \"device\", \"size\", \"milliseconds\"}\n"
     "\n"
     "A grid that is not square, or more than 46340 cells wide, exits 2. Numbers must\n"
-    "be finite and in plain decimal or exponent form. Exit codes: see 'halden --help';\n"
-    "not enough device memory exits 3.\n";
+    "be finite and in plain decimal or exponent form. File formats, common options\n"
+    "and exit codes: see 'halden --help'.\n";
 
 const char kRasterizeUsage[] =
     "usage: halden rasterize MESH.obj OUT --size W H [--ids IDS] [--supersample]\n"
-    "                                     [--device KEY] [--quiet] [--json]\n"
+    "                                     [--device KEY] [--range LO HI] [--quiet] [--json]\n"
     "\n"
     "Renders the triangles of the Wavefront OBJ file MESH.obj, seen from above, into\n"
     "a W x H float32 height grid on one device and writes it to OUT: a cell gets the\n"
@@ -286,38 +272,60 @@ const char kRasterizeUsage[] =
     "  --supersample  render at twice the width and height and keep the greatest\n"
     "                 height of each 2 x 2 block: thin triangles that miss the cells'\n"
     "                 centres still show\n"
-    "  --device KEY   cpu (the host device, default), gpu (the first CUDA device) or a\n"
-    "                 key listed by 'halden devices'\n"
-    "  --quiet        print nothing on success\n"
     "  --json         print {\"operation\", \"device\", \"width\", \"height\", \"vertices\",\n"
-    "                 \"triangles\", \"covered\", \"milliseconds\"} instead\n"
+    "                 \"triangles\", \"covered\", \"milliseconds\"}\n"
     "\n"
-    "OUT and IDS are written as .npy ('<f4') when their names end in .npy, as raw\n"
-    "float32 otherwise; an existing file is replaced only on success. The summary\n"
-    "line counts the covered cells. Exit codes: see 'halden --help'; not enough\n"
-    "device memory exits 3.\n";
+    "The summary line counts the covered cells. A PNG OUT needs --range, as the\n"
+    "uncovered cells' -FLT_MAX would take all of its samples' span. File formats,\n"
+    "common options and exit codes: see 'halden --help'.\n";
 
 const char kDemoUsage[] =
-    "usage: halden demo [--size N] [--out DIR]\n"
+    "usage: halden demo [--size N] [--out DIR] [--device KEY|all] [--dem FILE|none]\n"
+    "                   [--quiet] [--json]\n"
     "\n"
-    "Generates a fractal terrain of N x N cells with spikes and pits, heights 0 to\n"
-    "1000 m, and on every listed device median-filters it (radius 3, 2 iterations)\n"
-    "and, separately, shapes it with the thermal shaper (amount -0.5, strength 1,\n"
-    "read as a map 10 km wide), computes its flow map (length 0.5, accumulation 1,\n"
-    "seed 1) and shades it ('halden shade' defaults, 10 km wide, heights in metres).\n"
-    "Prints the times and checks for each operation that all results agree bit for\n"
-    "bit with the first device's.\n"
+    "Generates a deterministic fractal terrain of N x N cells with spikes and pits,\n"
+    "heights 0 to 1000 m, read as a map 10 km wide, and runs on it, one after the\n"
+    "other: the median filter (radius 3, 2 iterations) against the spikes and pits,\n"
+    "the thermal shaper (amount -0.5, strength 1), the flow map of the shaped terrain\n"
+    "(length 0.5, accumulation 1, seed 1) and its shading ('halden shade' defaults).\n"
+    "Then shapes, flow-maps and shades a real elevation model the same way (its\n"
+    "heights shaded three times over, as real landscapes are gentle at map scale).\n"
+    "Prints the time of every step and writes pictures into DIR.\n"
     "\n"
-    "  --size N   side of the terrain (default 1024)\n"
-    "  --out DIR  write DIR/terrain.npy, DIR/median.npy, DIR/thermal.npy,\n"
-    "             DIR/flow.npy and DIR/shaded.png (the results of the first device\n"
-    "             that succeeded)\n"
+    "  --size N      side of the terrain (default 1024)\n"
+    "  --out DIR     the folder for the results (default demo-output): relief.png\n"
+    "                (the shaded relief), flow.png (the flow map over the relief),\n"
+    "                terrain.npy, median.npy, thermal.npy and flow.npy, and for the\n"
+    "                real model dem-relief.png and dem-flow.png\n"
+    "  --device KEY  cpu (default), gpu, a key listed by 'halden devices', or all:\n"
+    "                every step on every listed device, checking that their results\n"
+    "                agree bit for bit\n"
+    "  --dem FILE    the real elevation model, in any format halden reads (default:\n"
+    "                the sample of Debian's python-matplotlib-data, a 3 arc-second\n"
+    "                model of a fault zone in Tennessee, skipped when not installed;\n"
+    "                a file without georeference is taken as cells 75 m wide);\n"
+    "                none skips it\n"
+    "  --quiet       print nothing on success\n"
+    "  --json        print {\"devices\", \"out\", \"steps\": [{\"step\", \"device\",\n"
+    "                \"milliseconds\"}], \"compared\", \"agree\"}\n"
     "\n"
-    "Exits 0, 3 when a device failed, or else 4 when the results differ.\n";
+    "Exits 0, 2 when a file cannot be read or written, 3 when a device failed, or\n"
+    "else 4 when the devices' results differ.\n";
+
+// The real elevation model the demo shades when Debian's
+// python-matplotlib-data is installed: a 3 arc-second model of a fault zone
+// in Tennessee, heights in metres. Its cells are about 75 m wide east-west
+// (93 m north-south), and the file carries no georeference.
+const char kSampleDem[] = "/usr/share/matplotlib/mpl-data/sample_data/jacksboro_fault_dem.npz";
+constexpr float kSampleCellMetres = 75.0f;
+// Real landscapes are gentle at the scale of a whole map: shading their
+// heights three times over brings the hills out.
+constexpr float kDemRelief = 3.0f;
 
 // --- Library callbacks ----------------------------------------------------------
 
 bool g_verbose = false;
+bool g_quiet = false;  // --quiet: notes about files are not shown either
 std::atomic<bool> g_error{false};  // set by the error slot, which may run on a library thread
 
 // The progress bar on stderr: whether to draw it, the percentage last drawn
@@ -464,6 +472,7 @@ int parse_args(int argc, char** argv, const std::set<std::string>& valued, const
         }
     }
     g_verbose = args.switches.count("--verbose") != 0;
+    g_quiet = args.switches.count("--quiet") != 0;
     return kOk;
 }
 
@@ -552,14 +561,98 @@ Timing timing_between(std::chrono::steady_clock::time_point start, std::chrono::
     return timing;
 }
 
+// A line about a file worth knowing (how PNG samples map to heights), on
+// stderr so that stdout stays the summary or the JSON.
+void note(const std::string& text) {
+    if (!text.empty() && !g_quiet) std::fprintf(stderr, "halden: %s\n", text.c_str());
+}
+
 // Reads IN. A raw file always comes out `width` wide, so a width that
-// differs can only be a .npy file's own shape.
-int read_input(const std::string& path, uint32_t width, Grid& grid) {
-    std::string error;
-    if (!read_grid(path, width, grid, error)) return fail(kIo, "%s", error.c_str());
-    if (width != 0 && grid.width != width)
-        return fail(kIo, "%s: --size %u does not match the .npy shape (%u, %u)", path.c_str(), width, grid.height,
-                    grid.width);
+// differs can only be another format's own shape.
+int read_input(const std::string& path, const ReadOptions& options, Grid& grid) {
+    std::string error, said;
+    if (!read_grid(path, options, grid, error, said)) return fail(kIo, "%s", error.c_str());
+    note(said);
+    if (options.width != 0 && grid.width != options.width)
+        return fail(kIo, "%s: --size %u does not match the file's shape of %ux%u", path.c_str(), options.width,
+                    grid.width, grid.height);
+    return kOk;
+}
+
+// Writes OUT, replacing an existing file only on success. Returns kOk or
+// kIo after a message.
+int write_output(const std::string& path, const Grid& grid, const HeightRange& range) {
+    std::string error, said;
+    if (!write_grid(path, grid, range, error, said)) return fail(kIo, "%s", error.c_str());
+    note(said);
+    return kOk;
+}
+
+// Reads --range LO HI into `range` when given; false after a usage message.
+bool range_option(const Args& args, HeightRange& range) {
+    const auto it = args.pairs.find("--range");
+    if (it == args.pairs.end()) return true;
+    float lo = 0.0f, hi = 0.0f;
+    const auto number = [](const std::string& text, float& value) {
+        const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+        return !text.empty() && ec == std::errc() && end == text.data() + text.size() && std::isfinite(value);
+    };
+    if (!number(it->second.first, lo) || !number(it->second.second, hi) || !(lo < hi)) {
+        fail(kUsage, "--range expects two finite numbers LO < HI, got '%s %s'", it->second.first.c_str(),
+             it->second.second.c_str());
+        return false;
+    }
+    range = std::make_pair(lo, hi);
+    return true;
+}
+
+// Missing cells (NaN: a file's no-data cells) would spread through the
+// kernels' neighbourhoods. They take the lowest height for the run and are
+// missing again in the output. Returns their indices; sets `all` when no cell
+// has a height.
+std::vector<size_t> fill_missing(Grid& grid, bool& all) {
+    std::vector<size_t> missing;
+    float lowest = INFINITY;
+    for (size_t i = 0; i < grid.cells.size(); ++i) {
+        if (std::isnan(grid.cells[i]))
+            missing.push_back(i);
+        else
+            lowest = std::min(lowest, grid.cells[i]);
+    }
+    all = missing.size() == grid.cells.size();
+    for (const size_t i : missing) grid.cells[i] = lowest;
+    return missing;
+}
+
+void mark_missing(Grid& grid, const std::vector<size_t>& missing) {
+    for (const size_t i : missing) grid.cells[i] = NAN;
+}
+
+// The grid's width in metres when its georeference says: projected
+// coordinates are taken as metres, degrees are converted at the grid's middle
+// latitude. 0 when unknown.
+double world_width(const Grid& grid) {
+    const Georeference& geo = grid.georeference;
+    if (!geo.has_transform || geo.projection.empty()) return 0.0;
+    const double width = std::abs(geo.transform[1]) * grid.width;
+    if (!geo.projection.starts_with("GEOGCS") && !geo.projection.starts_with("GEOGCRS")) return width;
+    constexpr double kMetresPerDegree = 111320.0, kRadians = 3.14159265358979323846 / 180.0;
+    const double latitude = geo.transform[3] + geo.transform[5] * grid.height / 2.0;
+    return width * kMetresPerDegree * std::cos(latitude * kRadians);
+}
+
+// Reads IN for a command with its --size and --range, and fills its missing
+// cells (their indices go to `missing`). Returns kOk, or kUsage or kIo after
+// a message.
+int read_heights(const Args& args, const std::string& path, Grid& grid, std::vector<size_t>& missing,
+                 HeightRange& range) {
+    ReadOptions options;
+    if (!number_option(args, "--size", 1, UINT32_MAX, options.width) || !range_option(args, range)) return kUsage;
+    options.range = range;
+    if (const int code = read_input(path, options, grid); code != kOk) return code;
+    bool all = false;
+    missing = fill_missing(grid, all);
+    if (all) return fail(kIo, "%s: no cell has a height (all are no-data or NaN)", path.c_str());
     return kOk;
 }
 
@@ -611,14 +704,20 @@ bool int32_grid_ok(const Grid& grid) {
 }
 
 // Reads the mask M of `grid`, read from IN, into `mask`: a raw mask comes in
-// rows of IN's width, a .npy one brings its own shape, which must be IN's.
-// Returns kOk or kIo after a message.
+// rows of IN's width, other formats bring their own shape, which must be
+// IN's. PNG samples span 0 to 1; missing cells count as 0. Returns kOk or kIo
+// after a message.
 int read_mask(const std::string& path, const std::string& in, const Grid& grid, Grid& mask) {
-    std::string error;
-    if (!read_grid(path, grid.width, mask, error)) return fail(kIo, "%s", error.c_str());
+    std::string error, said;
+    ReadOptions options;
+    options.width = grid.width;
+    options.range = std::make_pair(0.0f, 1.0f);
+    if (!read_grid(path, options, mask, error, said)) return fail(kIo, "%s", error.c_str());
     if (mask.width != grid.width || mask.height != grid.height)
         return fail(kIo, "%s: the mask is %ux%u, but %s is %ux%u", path.c_str(), mask.width, mask.height, in.c_str(),
                     grid.width, grid.height);
+    for (float& m : mask.cells)
+        if (std::isnan(m)) m = 0.0f;
     return kOk;
 }
 
@@ -758,6 +857,50 @@ uint32_t run_shade(halden_queue* queue, const Grid& heights, const halden_lighti
     return status;
 }
 
+// `grid` extended to a square by repeating its last row or column.
+Grid pad_to_square(const Grid& grid) {
+    const uint32_t side = std::max(grid.width, grid.height);
+    Grid square{side, side, std::vector<float>(size_t{side} * side), grid.georeference};
+    for (uint32_t y = 0; y < side; ++y) {
+        const float* row = grid.cells.data() + size_t{std::min(y, grid.height - 1)} * grid.width;
+        float* to = square.cells.data() + size_t{y} * side;
+        std::copy_n(row, grid.width, to);
+        std::fill(to + grid.width, to + side, row[grid.width - 1]);
+    }
+    return square;
+}
+
+// Shades `heights` of any shape into `planes`: red, green, blue, diffuse,
+// shadow and sky visibility, each of the grid's shape, one after another.
+// Shadows and sky visibility are traced over a square, so another shape is
+// extended to one by repeating its last row or column and the results are
+// cropped back. Cells listed in `missing` come out black. Returns the
+// export's status.
+uint32_t shade_grid(halden_queue* queue, const Grid& heights, const Lighting& lighting, float terrain_size,
+                    float height_scale, const std::vector<size_t>& missing, std::vector<float>& planes,
+                    Timing& timing) {
+    const bool pad = (lighting.shadows || lighting.sky_visibility) && !heights.square();
+    const Grid padded = pad ? pad_to_square(heights) : Grid{};
+    const Grid& traced = pad ? padded : heights;
+    const float traced_size = terrain_size * static_cast<float>(traced.width) / static_cast<float>(heights.width);
+    const halden_lighting_parameters parameters = lighting_record(lighting, traced, traced_size, height_scale);
+    const size_t traced_cells = traced.cells.size(), cells = heights.cells.size();
+    std::vector<float> all(6 * traced_cells, 0.0f);
+    float* const p = all.data();
+    const ShadePlanes out{p + 3 * traced_cells, lighting.shadows ? p + 4 * traced_cells : nullptr,
+                          lighting.sky_visibility ? p + 5 * traced_cells : nullptr,
+                          p, p + traced_cells, p + 2 * traced_cells};
+    const uint32_t status = run_shade(queue, traced, parameters, out, timing);
+    planes.assign(6 * cells, 0.0f);
+    for (size_t k = 0; k < 6; ++k)
+        for (uint32_t y = 0; y < heights.height; ++y)
+            std::copy_n(p + k * traced_cells + size_t{y} * traced.width, heights.width,
+                        planes.begin() + k * cells + size_t{y} * heights.width);
+    for (const size_t i : missing)
+        for (size_t k = 0; k < 3; ++k) planes[k * cells + i] = 0.0f;
+    return status;
+}
+
 // Linear colour to 8-bit sRGB: clamped to [0, 1] (NaN as 0), the sRGB
 // transfer curve, rounded to nearest.
 uint8_t srgb8(float linear) {
@@ -779,51 +922,103 @@ bool write_picture(const std::string& path, uint32_t width, uint32_t height, con
     return write_png_rgb(path, width, height, rgb, error);
 }
 
-// One operation run on a copy of the same grid on every listed device.
-struct Sweep {
-    std::vector<Grid> results;  // one per device that succeeded, in list order
-    bool failed = false;        // some device failed
-    bool agree = true;          // the results are identical bit for bit
+// The demo's runs: every step on each of its devices, timed, and the
+// devices' results compared bit for bit.
+class DemoRun {
+  public:
+    DemoRun(std::vector<std::string> keys, bool quiet, bool json)
+        : keys_(std::move(keys)), quiet_(quiet), json_(json) {}
+
+    // Runs `operation(queue, grid, timing)`, which works on `grid`, a copy of
+    // `input`, on every device, and returns the first device's result (no
+    // cells when every device failed).
+    template <class Operation>
+    Grid run(const std::string& step, const Grid& input, double mcells, Operation operation) {
+        std::vector<Grid> results;
+        for (const std::string& key : keys_) {
+            halden_queue* queue = CreateSyclQueue(key.c_str(), &kCallbacks);
+            Grid grid = input;
+            Timing timing{};
+            g_error = false;
+            uint32_t status = queue ? operation(queue, grid, timing) : HALDEN_STATUS_DEVICE_ERROR;
+            DestroySyclQueue(queue);
+            if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+            if (status != HALDEN_STATUS_OK) {
+                failed_ = true;
+                fail(kDevice, "%s failed on %s%s", step.c_str(), key.c_str(),
+                     !queue                                   ? " (no queue)"
+                     : status == HALDEN_STATUS_OUT_OF_MEMORY ? " (not enough device memory)"
+                                                              : "");
+                continue;
+            }
+            record(step, key, timing.milliseconds, timing.milliseconds > 0.0 ? mcells / (timing.milliseconds * 1e3) : 0.0);
+            results.push_back(std::move(grid));
+        }
+        for (size_t i = 1; i < results.size(); ++i) {
+            const bool same = results[i].cells == results[0].cells ||
+                              std::memcmp(results[i].cells.data(), results[0].cells.data(),
+                                          results[0].cells.size() * sizeof(float)) == 0;
+            if (!same && !quiet_ && !json_) std::printf("  %s: the devices' results differ\n", step.c_str());
+            agree_ = agree_ && same;
+        }
+        compared_ = compared_ || results.size() > 1;
+        return results.empty() ? Grid{} : std::move(results[0]);
+    }
+
+    // Records a step's time; host steps have no device and no rate.
+    void record(const std::string& step, const std::string& device, double milliseconds, double rate = 0.0) {
+        steps_.push_back({step, device, milliseconds});
+        if (quiet_ || json_) return;
+        std::printf("  %-28s %10.1f ms", step.c_str(), milliseconds);
+        if (rate > 0.0) std::printf("  %8.1f Mcells/s", rate);
+        if (keys_.size() > 1 && !device.empty()) std::printf("  on %s", device.c_str());
+        std::printf("\n");
+    }
+
+    void say(const std::string& line) const {
+        if (!quiet_ && !json_) std::printf("%s\n", line.c_str());
+    }
+
+    // Exit status: 3 when a device failed, else 4 when results differ.
+    int status() const { return failed_ ? kDevice : agree_ ? kOk : kDisagree; }
+
+    void print_json(const std::string& out) const {
+        std::printf("{\"devices\": [");
+        for (size_t i = 0; i < keys_.size(); ++i) std::printf("%s%s", i ? ", " : "", json_string(keys_[i]).c_str());
+        std::printf("], \"out\": %s, \"steps\": [", json_string(out).c_str());
+        for (size_t i = 0; i < steps_.size(); ++i)
+            std::printf("%s{\"step\": %s, \"device\": %s, \"milliseconds\": %.3f}", i ? ", " : "",
+                        json_string(steps_[i].name).c_str(),
+                        steps_[i].device.empty() ? "null" : json_string(steps_[i].device).c_str(),
+                        steps_[i].milliseconds);
+        std::printf("], \"compared\": %s, \"agree\": %s}\n", compared_ ? "true" : "false",
+                    agree_ ? "true" : "false");
+    }
+
+  private:
+    struct Step {
+        std::string name, device;
+        double milliseconds;
+    };
+    std::vector<std::string> keys_;
+    bool quiet_, json_;
+    std::vector<Step> steps_;
+    bool failed_ = false, agree_ = true, compared_ = false;
 };
 
-// `operation(queue, grid, timing)` shapes `grid` in place and returns an
-// export status. Prints a line per device, then the comparison.
-template <class Operation>
-Sweep sweep_devices(const DeviceList& list, const Grid& input, Operation operation) {
-    Sweep sweep;
-    for (uint32_t i = 0; i < list.count; ++i) {
-        const std::string key = device_key(list.records[i]);
-        std::printf("  [%u] %s (%s): ", i, text_of(list.records[i].name).c_str(), key.c_str());
-        std::fflush(stdout);  // so the library's error lines follow the device they concern
-        halden_queue* queue = CreateSyclQueue(key.c_str(), &kCallbacks);
-        Grid grid = input;
-        Timing timing{};
-        uint32_t status = queue ? operation(queue, grid, timing) : HALDEN_STATUS_DEVICE_ERROR;
-        DestroySyclQueue(queue);
-        if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
-        if (status == HALDEN_STATUS_OK) {
-            std::printf("%.3f ms, %.1f Mcells/s\n", timing.milliseconds, timing.mcells_per_second);
-            sweep.results.push_back(std::move(grid));
-        } else {
-            std::printf("failed%s\n", !queue                                   ? " (no queue)"
-                                      : status == HALDEN_STATUS_OUT_OF_MEMORY ? " (not enough device memory)"
-                                                                              : "");
-            sweep.failed = true;
-        }
+// The flow map over the shaded relief: water blue, opaque from a third of
+// the map's saturating range up. `planes` are shade_grid's.
+bool write_flow_picture(const std::string& path, const Grid& flow, const std::vector<float>& planes,
+                        std::string& error) {
+    const size_t cells = flow.cells.size();
+    std::vector<float> rgb(planes.begin(), planes.begin() + 3 * cells);
+    const float water[3] = {0.02f, 0.18f, 0.75f};
+    for (size_t i = 0; i < cells; ++i) {
+        const float f = flow.cells[i];
+        const float a = f > 0.0f ? std::min(3.0f * f, 1.0f) : 0.0f;
+        for (size_t k = 0; k < 3; ++k) rgb[k * cells + i] = rgb[k * cells + i] * (1.0f - a) + water[k] * a;
     }
-
-    if (list.count == 1) {
-        std::printf("only one device listed: nothing to compare\n");
-    } else if (sweep.results.size() < 2) {
-        std::printf("fewer than two devices succeeded: nothing to compare\n");
-    } else {
-        const std::vector<Grid>& r = sweep.results;
-        for (size_t i = 1; i < r.size(); ++i)
-            sweep.agree = sweep.agree &&
-                          std::memcmp(r[i].cells.data(), r[0].cells.data(), r[0].cells.size() * sizeof(float)) == 0;
-        std::printf("devices agree bit for bit: %s (%zu devices)\n", sweep.agree ? "yes" : "NO", r.size());
-    }
-    return sweep;
+    return write_picture(path, flow.width, flow.height, rgb.data(), rgb.data() + cells, rgb.data() + 2 * cells, error);
 }
 
 // --- Commands ---------------------------------------------------------------------
@@ -858,13 +1053,12 @@ int cmd_devices(int argc, char** argv) {
 
 int cmd_median(int argc, char** argv) {
     Args args;
-    if (parse_args(argc, argv, {"--radius", "--iterations", "--device", "--size"}, {"--quiet", "--json"}, args) !=
-        kOk)
+    if (parse_args(argc, argv, {"--radius", "--iterations", "--device", "--size"}, {"--quiet", "--json"}, args,
+                   {"--range"}) != kOk)
         return kUsage;
     if (args.positional.size() != 2) return fail(kUsage, "median needs IN and OUT (see halden median --help)");
-    uint32_t radius = 2, iterations = 1, size = 0;
-    if (!number_option(args, "--radius", 1, 8, radius) || !number_option(args, "--iterations", 0, 1000000, iterations) ||
-        !number_option(args, "--size", 1, UINT32_MAX, size))
+    uint32_t radius = 2, iterations = 1;
+    if (!number_option(args, "--radius", 1, 8, radius) || !number_option(args, "--iterations", 0, 1000000, iterations))
         return kUsage;
     std::string device;
     if (!device_option(args, device)) return kUsage;
@@ -872,7 +1066,9 @@ int cmd_median(int argc, char** argv) {
     const std::string& out = args.positional[1];
 
     Grid grid;
-    if (const int code = read_input(in, size, grid); code != kOk) return code;
+    std::vector<size_t> missing;
+    HeightRange range;
+    if (const int code = read_heights(args, in, grid, missing, range); code != kOk) return code;
     // The filter's record has a single side.
     if (!grid.square())
         return fail(kIo, "%s: the median filter needs a square grid, this one is %ux%u", in.c_str(), grid.width,
@@ -886,8 +1082,8 @@ int cmd_median(int argc, char** argv) {
     DestroySyclQueue(queue);
     ok = ok && !g_error;  // waiting for the queue may report late failures too
     if (!ok) return fail(kDevice, "the median filter failed on %s; %s not written", key.c_str(), out.c_str());
-    std::string error;
-    if (!write_grid(out, grid, error)) return fail(kIo, "%s", error.c_str());
+    mark_missing(grid, missing);
+    if (const int code = write_output(out, grid, range); code != kOk) return code;
 
     if (args.switches.count("--quiet")) return kOk;
     if (args.switches.count("--json")) {
@@ -905,13 +1101,12 @@ int cmd_thermal(int argc, char** argv) {
     if (parse_args(argc, argv,
                    {"--mask", "--amount", "--strength", "--height-scale", "--extent", "--level-factor", "--device",
                     "--size"},
-                   {"--quiet", "--json"}, args) != kOk)
+                   {"--quiet", "--json"}, args, {"--range"}) != kOk)
         return kUsage;
     if (args.positional.size() != 2)
         return fail(kUsage, "thermal-shape needs IN and OUT (see halden thermal-shape --help)");
-    uint32_t size = 0;
     float amount = -0.5f, strength = 1.0f, height_scale = 1.0f, extent = 0.0f, level_factor = 0.125f;
-    if (!number_option(args, "--size", 1, UINT32_MAX, size) || !float_option(args, "--amount", Range::kAny, amount) ||
+    if (!float_option(args, "--amount", Range::kAny, amount) ||
         !float_option(args, "--strength", Range::kAny, strength) ||
         !float_option(args, "--height-scale", Range::kPositive, height_scale) ||
         !float_option(args, "--extent", Range::kPositive, extent) ||
@@ -925,14 +1120,19 @@ int cmd_thermal(int argc, char** argv) {
     const std::string& out = args.positional[1];
 
     Grid grid;
-    if (const int code = read_input(in, size, grid); code != kOk) return code;
+    std::vector<size_t> missing;
+    HeightRange range;
+    if (const int code = read_heights(args, in, grid, missing, range); code != kOk) return code;
     if (!int32_grid_ok(grid))
         return fail(kIo, "%s: the thermal shaper takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(),
                     grid.width, grid.height);
     Grid mask;
     if (!mask_path.empty())
         if (const int code = read_mask(mask_path, in, grid, mask); code != kOk) return code;
-    if (!args.values.count("--extent")) extent = static_cast<float>(grid.width);
+    if (!args.values.count("--extent")) {
+        const double metres = world_width(grid);
+        extent = static_cast<float>(metres > 0.0 ? metres : grid.width);
+    }
 
     halden_queue* queue = nullptr;
     std::string key;
@@ -947,8 +1147,8 @@ int cmd_thermal(int argc, char** argv) {
                     grid.width, grid.height, out.c_str());
     if (status != HALDEN_STATUS_OK)
         return fail(kDevice, "the thermal shaper failed on %s; %s not written", key.c_str(), out.c_str());
-    std::string error;
-    if (!write_grid(out, grid, error)) return fail(kIo, "%s", error.c_str());
+    mark_missing(grid, missing);
+    if (const int code = write_output(out, grid, range); code != kOk) return code;
 
     if (args.switches.count("--quiet")) return kOk;
     if (args.switches.count("--json")) {
@@ -956,8 +1156,9 @@ int cmd_thermal(int argc, char** argv) {
                     "\"milliseconds\": %.3f}\n",
                     json_string(key).c_str(), grid.width, grid.height, timing.milliseconds);
     } else {
-        std::printf("thermal-shape %ux%u, amount %g, strength %g on %s: %.3f ms, %.1f Mcells/s\n", grid.width,
-                    grid.height, amount, strength, key.c_str(), timing.milliseconds, timing.mcells_per_second);
+        std::printf("thermal-shape %ux%u, amount %g, strength %g, %g wide on %s: %.3f ms, %.1f Mcells/s\n",
+                    grid.width, grid.height, amount, strength, extent, key.c_str(), timing.milliseconds,
+                    timing.mcells_per_second);
     }
     return kOk;
 }
@@ -965,13 +1166,12 @@ int cmd_thermal(int argc, char** argv) {
 int cmd_flow(int argc, char** argv) {
     Args args;
     if (parse_args(argc, argv, {"--mask", "--length", "--accumulation", "--seed", "--device", "--size"},
-                   {"--quiet", "--json", "--no-progress"}, args) != kOk)
+                   {"--quiet", "--json", "--no-progress"}, args, {"--range"}) != kOk)
         return kUsage;
     if (args.positional.size() != 2) return fail(kUsage, "flow needs IN and OUT (see halden flow --help)");
-    uint32_t size = 0, seed = 1;
+    uint32_t seed = 1;
     float length = 0.5f, accumulation = 1.0f;
-    if (!number_option(args, "--size", 1, UINT32_MAX, size) ||
-        !float_option(args, "--length", Range::kNonNegative, length) ||
+    if (!float_option(args, "--length", Range::kNonNegative, length) ||
         !float_option(args, "--accumulation", Range::kAny, accumulation) ||
         !number_option(args, "--seed", 0, UINT32_MAX, seed))
         return kUsage;
@@ -984,7 +1184,9 @@ int cmd_flow(int argc, char** argv) {
     const std::string& out = args.positional[1];
 
     Grid heights;
-    if (const int code = read_input(in, size, heights); code != kOk) return code;
+    std::vector<size_t> missing;
+    HeightRange range;
+    if (const int code = read_heights(args, in, heights, missing, range); code != kOk) return code;
     if (!int32_grid_ok(heights))
         return fail(kIo, "%s: the flow simulation takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(),
                     heights.width, heights.height);
@@ -1018,8 +1220,10 @@ int cmd_flow(int argc, char** argv) {
                     heights.width, heights.height, out.c_str());
     if (status != HALDEN_STATUS_OK)
         return fail(kDevice, "the flow simulation failed on %s; %s not written", key.c_str(), out.c_str());
-    std::string error;
-    if (!write_grid(out, map, error)) return fail(kIo, "%s", error.c_str());
+    map.georeference = heights.georeference;
+    mark_missing(map, missing);
+    // --range maps IN's samples; the map's own values span something else.
+    if (const int code = write_output(out, map, {}); code != kOk) return code;
 
     if (quiet) return kOk;
     if (json) {
@@ -1051,14 +1255,12 @@ int cmd_shade(int argc, char** argv) {
     if (parse_args(argc, argv,
                    {"--sun-azimuth", "--sun-elevation", "--shadows", "--sun-size", "--ao", "--terrain-size",
                     "--height-scale", "--exposure", "--diffuse", "--shadow", "--ao-out", "--device", "--size"},
-                   {"--hybrid-ao", "--no-shadows", "--no-ao", "--quiet", "--json"}, args) != kOk)
+                   {"--hybrid-ao", "--no-shadows", "--no-ao", "--quiet", "--json"}, args, {"--range"}) != kOk)
         return kUsage;
     if (args.positional.size() != 2) return fail(kUsage, "shade needs IN and OUT.png (see halden shade --help)");
     Lighting lighting;
-    uint32_t size = 0;
     float terrain_size = 0.0f, height_scale = 1.0f;
-    if (!number_option(args, "--size", 1, UINT32_MAX, size) ||
-        !float_option(args, "--sun-azimuth", Range::kAny, lighting.azimuth) ||
+    if (!float_option(args, "--sun-azimuth", Range::kAny, lighting.azimuth) ||
         !float_option(args, "--sun-elevation", Range::kAny, lighting.elevation) ||
         !number_option(args, "--shadows", 0, 64, lighting.rings) ||
         !float_option(args, "--sun-size", Range::kNonNegative, lighting.sun_size) ||
@@ -1090,41 +1292,23 @@ int cmd_shade(int argc, char** argv) {
     if (!has_png_extension(out)) return fail(kUsage, "%s: OUT must be a .png file", out.c_str());
 
     Grid heights;
-    if (const int code = read_input(in, size, heights); code != kOk) return code;
-    if (!int32_grid_ok(heights))
+    std::vector<size_t> missing;
+    HeightRange range;
+    if (const int code = read_heights(args, in, heights, missing, range); code != kOk) return code;
+    const size_t side = std::max(heights.width, heights.height);  // of the square that shadows are traced over
+    if (!int32_grid_ok(heights) || side * side > INT32_MAX)
         return fail(kIo, "%s: shading takes at most 2^31 - 1 cells, this grid is %ux%u", in.c_str(), heights.width,
                     heights.height);
-    // Caught here rather than by the library: a wrong shape is an input
-    // problem, and the message can say how to shade the grid anyway.
-    if ((lighting.shadows || lighting.sky_visibility) && !heights.square())
-        return fail(kIo, "%s: shadows and sky visibility need a square grid, this one is %ux%u (--no-shadows "
-                    "--no-ao shade any shape)",
-                    in.c_str(), heights.width, heights.height);
-    if (!args.values.count("--terrain-size")) terrain_size = static_cast<float>(heights.width);
-    const halden_lighting_parameters parameters = lighting_record(lighting, heights, terrain_size, height_scale);
-
-    const size_t cells = heights.cells.size();
-    Grid diffuse{heights.width, heights.height, {}}, shadow = diffuse, ao = diffuse;
-    std::vector<float> color(3 * cells);
-    ShadePlanes planes;
-    planes.r = color.data();
-    planes.g = color.data() + cells;
-    planes.b = color.data() + 2 * cells;
-    const std::pair<Grid*, float**> wanted[] = {
-        {diffuse_path.empty() ? nullptr : &diffuse, &planes.diffuse},
-        {shadow_path.empty() ? nullptr : &shadow, &planes.shadow},
-        {ao_path.empty() ? nullptr : &ao, &planes.ao}};
-    for (const auto& [grid, plane] : wanted) {
-        if (!grid) continue;
-        grid->cells.resize(cells);
-        *plane = grid->cells.data();
+    if (!args.values.count("--terrain-size")) {
+        const double metres = world_width(heights);
+        terrain_size = static_cast<float>(metres > 0.0 ? metres : heights.width);
     }
-
+    std::vector<float> planes;
     halden_queue* queue = nullptr;
     std::string key;
     if (const int code = open_queue(device, queue, key); code != kOk) return code;
     Timing timing{};
-    uint32_t status = run_shade(queue, heights, parameters, planes, timing);
+    uint32_t status = shade_grid(queue, heights, lighting, terrain_size, height_scale, missing, planes, timing);
     DestroySyclQueue(queue);
     if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
     if (status == HALDEN_STATUS_OUT_OF_MEMORY)
@@ -1132,13 +1316,20 @@ int cmd_shade(int argc, char** argv) {
                     heights.width, heights.height, out.c_str());
     if (status != HALDEN_STATUS_OK)
         return fail(kDevice, "shading failed on %s; %s not written", key.c_str(), out.c_str());
+
+    const size_t cells = heights.cells.size();
     std::string error;
-    if (!write_picture(out, heights.width, heights.height, planes.r, planes.g, planes.b, error))
+    if (!write_picture(out, heights.width, heights.height, planes.data(), planes.data() + cells,
+                       planes.data() + 2 * cells, error))
         return fail(kIo, "%s", error.c_str());
-    const std::pair<const std::string*, const Grid*> grids[] = {
-        {&diffuse_path, &diffuse}, {&shadow_path, &shadow}, {&ao_path, &ao}};
-    for (const auto& [path, grid] : grids)
-        if (!path->empty() && !write_grid(*path, *grid, error)) return fail(kIo, "%s", error.c_str());
+    const std::string* const paths[] = {&diffuse_path, &shadow_path, &ao_path};
+    for (int i = 0; i < 3; ++i) {
+        if (paths[i]->empty()) continue;
+        const float* plane = planes.data() + (3 + i) * cells;
+        Grid grid{heights.width, heights.height, std::vector<float>(plane, plane + cells), heights.georeference};
+        mark_missing(grid, missing);
+        if (const int code = write_output(*paths[i], grid, {}); code != kOk) return code;
+    }
 
     if (args.switches.count("--quiet")) return kOk;
     if (args.switches.count("--json")) {
@@ -1154,19 +1345,20 @@ int cmd_shade(int argc, char** argv) {
 
 int cmd_blur(int argc, char** argv) {
     Args args;
-    if (parse_args(argc, argv, {"--radius", "--device", "--size"}, {"--quiet", "--json"}, args) != kOk) return kUsage;
-    if (args.positional.size() != 2) return fail(kUsage, "blur needs IN and OUT (see halden blur --help)");
-    uint32_t size = 0;
-    float radius = 12.0f;
-    if (!float_option(args, "--radius", Range::kPositive, radius) || !number_option(args, "--size", 1, UINT32_MAX, size))
+    if (parse_args(argc, argv, {"--radius", "--device", "--size"}, {"--quiet", "--json"}, args, {"--range"}) != kOk)
         return kUsage;
+    if (args.positional.size() != 2) return fail(kUsage, "blur needs IN and OUT (see halden blur --help)");
+    float radius = 12.0f;
+    if (!float_option(args, "--radius", Range::kPositive, radius)) return kUsage;
     std::string device;
     if (!device_option(args, device)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 
     Grid grid;
-    if (const int code = read_input(in, size, grid); code != kOk) return code;
+    std::vector<size_t> missing;
+    HeightRange range;
+    if (const int code = read_heights(args, in, grid, missing, range); code != kOk) return code;
     if (!grid.square())
         return fail(kIo, "%s: the blur needs a square grid, this one is %ux%u", in.c_str(), grid.width, grid.height);
     // The export's own limit, caught here because it is the input's shape
@@ -1190,8 +1382,8 @@ int cmd_blur(int argc, char** argv) {
         return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(), grid.width,
                     grid.height, out.c_str());
     if (status != HALDEN_STATUS_OK) return fail(kDevice, "the blur failed on %s; %s not written", key.c_str(), out.c_str());
-    std::string error;
-    if (!write_grid(out, grid, error)) return fail(kIo, "%s", error.c_str());
+    mark_missing(grid, missing);
+    if (const int code = write_output(out, grid, range); code != kOk) return code;
 
     if (args.switches.count("--quiet")) return kOk;
     if (args.switches.count("--json")) {
@@ -1229,7 +1421,8 @@ bool size_pair_option(const Args& args, uint32_t limit, uint32_t& width, uint32_
 
 int cmd_rasterize(int argc, char** argv) {
     Args args;
-    if (parse_args(argc, argv, {"--ids", "--device"}, {"--supersample", "--quiet", "--json"}, args, {"--size"}) != kOk)
+    if (parse_args(argc, argv, {"--ids", "--device"}, {"--supersample", "--quiet", "--json"}, args,
+                   {"--size", "--range"}) != kOk)
         return kUsage;
     if (args.positional.size() != 2)
         return fail(kUsage, "rasterize needs MESH.obj and OUT (see halden rasterize --help)");
@@ -1242,6 +1435,8 @@ int cmd_rasterize(int argc, char** argv) {
     if (!path_option(args, "--ids", ids_path)) return kUsage;
     std::string device;
     if (!device_option(args, device)) return kUsage;
+    HeightRange range;
+    if (!range_option(args, range)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 
@@ -1291,8 +1486,8 @@ int cmd_rasterize(int argc, char** argv) {
     const halden_mesh record = {mesh.vertices.data(), static_cast<uint32_t>(mesh.vertex_count()), 0,
                                 mesh.triangles.data(), static_cast<uint32_t>(mesh.triangle_count()), 0};
 
-    Grid heights{width, height, std::vector<float>(size_t{width} * height)};
-    Grid ids{width, height, {}};
+    Grid heights{width, height, std::vector<float>(size_t{width} * height), {}};
+    Grid ids{width, height, {}, {}};
     if (!ids_path.empty()) ids.cells.resize(heights.cells.size());
 
     halden_queue* queue = nullptr;
@@ -1313,8 +1508,9 @@ int cmd_rasterize(int argc, char** argv) {
                     key.c_str(), mesh.triangle_count(), width, height, out.c_str());
     if (status != HALDEN_STATUS_OK)
         return fail(kDevice, "rasterizing failed on %s; %s not written", key.c_str(), out.c_str());
-    if (!write_grid(out, heights, error)) return fail(kIo, "%s", error.c_str());
-    if (!ids_path.empty() && !write_grid(ids_path, ids, error)) return fail(kIo, "%s", error.c_str());
+    if (const int code = write_output(out, heights, range); code != kOk) return code;
+    if (!ids_path.empty())
+        if (const int code = write_output(ids_path, ids, {}); code != kOk) return code;
 
     const size_t covered = static_cast<size_t>(
         std::count_if(heights.cells.begin(), heights.cells.end(), [](float h) { return h > -FLT_MAX; }));
@@ -1340,84 +1536,146 @@ int cmd_rasterize(int argc, char** argv) {
 
 int cmd_demo(int argc, char** argv) {
     Args args;
-    if (parse_args(argc, argv, {"--size", "--out"}, {}, args) != kOk) return kUsage;
+    if (parse_args(argc, argv, {"--size", "--out", "--device", "--dem"}, {"--quiet", "--json"}, args) != kOk)
+        return kUsage;
     if (!args.positional.empty()) return fail(kUsage, "demo takes no arguments, got '%s'", args.positional[0].c_str());
     uint32_t size = 1024;
     if (!number_option(args, "--size", 1, 32768, size)) return kUsage;
-    const std::string dir = args.values.count("--out") ? args.values.at("--out") : std::string();
-    constexpr uint32_t kRadius = 3, kIterations = 2;
-    // The terrain's relief is 0 to 1000 m at any N while its features scale
-    // with the grid, so the shaper reads it as a map of fixed width: heights in
-    // metres (height scale 1) over 10 km, which gives steep-hill slopes at every
-    // N. The peaks then lose about a quarter of their height and the mean
-    // drops by some 90 m: visible, yet the landscape keeps its shape. The
-    // header's default, one metre per cell, would turn the same relief into
-    // cliffs and level most of it.
-    constexpr float kExtentMetres = 10000.0f;
-    const halden_thermal_shaper_parameters thermal = {0, 0, 1.0f, kExtentMetres, 0.125f, 1.0f, -0.5f, 0};
-    const halden_flow_parameters flow = {0, 0, 0.5f, 1.0f, 1};
+    const std::string dir = args.values.count("--out") ? args.values.at("--out") : std::string("demo-output");
+    const std::string dem = args.values.count("--dem") ? args.values.at("--dem") : std::string(kSampleDem);
+    if (dir.empty() || dem.empty()) return fail(kUsage, "--out and --dem need a value");
+    std::string device;
+    if (!device_option(args, device)) return kUsage;
+    const bool quiet = args.switches.count("--quiet") != 0, json = args.switches.count("--json") != 0;
 
-    const Grid terrain = make_terrain(size);
-    // Shaded as the same map, 10 km wide with heights in metres, for the
-    // same reason: one metre per cell would make it all cliffs and shadow.
-    const Lighting lighting;
-    const halden_lighting_parameters shading = lighting_record(lighting, terrain, kExtentMetres, 1.0f);
+    std::vector<std::string> keys;
+    if (device == "all") {
+        const DeviceList list;
+        for (uint32_t i = 0; i < list.count; ++i) keys.push_back(device_key(list.records[i]));
+        if (keys.empty()) return fail(kDevice, "no devices listed");
+    } else {
+        halden_queue* queue = nullptr;
+        std::string key;
+        if (const int code = open_queue(device, queue, key); code != kOk) return code;
+        DestroySyclQueue(queue);
+        keys.push_back(key);
+    }
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (ec) return fail(kIo, "%s: %s", dir.c_str(), ec.message().c_str());
+
+    DemoRun demo(keys, quiet, json);
     std::string error;
-    if (!dir.empty()) {
-        std::error_code ec;
-        std::filesystem::create_directories(dir, ec);
-        if (ec) return fail(kIo, "%s: %s", dir.c_str(), ec.message().c_str());
-        if (!write_grid(dir + "/terrain.npy", terrain, error)) return fail(kIo, "%s", error.c_str());
+    const auto now = [] { return std::chrono::steady_clock::now(); };
+    const auto since = [&](std::chrono::steady_clock::time_point start) {
+        return std::chrono::duration<double, std::milli>(now() - start).count();
+    };
+    const auto write = [&](const std::string& name, const auto& writer) {
+        const auto start = now();
+        if (!writer(dir + "/" + name)) return false;
+        demo.record("write " + name, "", since(start));
+        return true;
+    };
+    if (keys.size() == 1) demo.say("on " + keys[0] + ", results in " + dir + "/");
+    else demo.say("on " + std::to_string(keys.size()) + " devices, compared bit for bit; results in " + dir + "/");
+
+    // The terrain's relief is 0 to 1000 m at any N while its features scale
+    // with the grid, so it is read as a map of fixed width: heights in metres
+    // over 10 km, which gives steep-hill slopes at every N. The peaks then lose
+    // about a quarter of their height: visible, yet the landscape keeps its
+    // shape. One metre per cell would turn the same relief into cliffs.
+    constexpr float kExtentMetres = 10000.0f;
+    constexpr uint32_t kRadius = 3, kIterations = 2;
+    const halden_flow_parameters flow = {0, 0, 0.5f, 1.0f, 1};
+    const Lighting lighting;
+    // Runs thermal shaping, flow and shading on `heights` (`extent` metres
+    // wide; shaded with heights times `relief`) and writes PREFIXrelief.png
+    // and PREFIXflow.png; false when a file cannot be written.
+    const auto landscape = [&](const std::string& prefix, const Grid& heights, float extent, float relief,
+                               const std::vector<size_t>& missing, Grid* shaped_out, Grid* flow_out) {
+        const halden_thermal_shaper_parameters thermal = {0, 0, 1.0f, extent, 0.125f, 1.0f, -0.5f, 0};
+        const double mcells = static_cast<double>(heights.cells.size());
+        Grid shaped = demo.run(prefix + "thermal shaping", heights, mcells, [&](halden_queue* q, Grid& g, Timing& t) {
+            return run_thermal(q, g, nullptr, thermal, t);
+        });
+        if (shaped.cells.empty()) return true;
+        shaped.georeference = heights.georeference;
+        Grid map = demo.run(prefix + "flow", shaped, mcells, [&](halden_queue* q, Grid& g, Timing& t) {
+            const Grid source = g;
+            return run_flow(q, source, g, false, flow, &kCallbacks, t);
+        });
+        Grid planes_grid = demo.run(prefix + "shading", shaped, mcells, [&](halden_queue* q, Grid& g, Timing& t) {
+            std::vector<float> planes;
+            const uint32_t status = shade_grid(q, g, lighting, extent, relief, missing, planes, t);
+            g.cells = std::move(planes);
+            return status;
+        });
+        if (planes_grid.cells.empty()) return true;
+        const auto picture = [&](const std::string& path) {
+            const float* p = planes_grid.cells.data();
+            const size_t cells = shaped.cells.size();
+            return write_picture(path, shaped.width, shaped.height, p, p + cells, p + 2 * cells, error);
+        };
+        if (!write(prefix + "relief.png", picture)) return false;
+        if (!map.cells.empty()) {
+            map.width = shaped.width;
+            map.height = shaped.height;
+            mark_missing(map, missing);
+            if (!write(prefix + "flow.png", [&](const std::string& path) {
+                    return write_flow_picture(path, map, planes_grid.cells, error);
+                }))
+                return false;
+        }
+        if (shaped_out) *shaped_out = std::move(shaped);
+        if (flow_out) *flow_out = std::move(map);
+        return true;
+    };
+    auto start = now();
+    const Grid terrain = make_terrain(size);
+    demo.record("generate terrain " + std::to_string(size) + "x" + std::to_string(size), "", since(start));
+    const Grid median = demo.run("median filter", terrain, static_cast<double>(terrain.cells.size()) * kIterations,
+                                 [&](halden_queue* q, Grid& g, Timing& t) {
+                                     return run_median(q, g, kRadius, kIterations, t) ? HALDEN_STATUS_OK
+                                                                                       : HALDEN_STATUS_DEVICE_ERROR;
+                                 });
+    Grid shaped, map;
+    if (!median.cells.empty() && !landscape("", median, kExtentMetres, 1.0f, {}, &shaped, &map))
+        return fail(kIo, "%s", error.c_str());
+    const std::pair<const char*, const Grid*> grids[] = {
+        {"terrain.npy", &terrain}, {"median.npy", &median}, {"thermal.npy", &shaped}, {"flow.npy", &map}};
+    for (const auto& [name, grid] : grids) {
+        if (grid->cells.empty()) continue;
+        std::string said;
+        if (!write(name, [&](const std::string& path) { return write_grid(path, *grid, {}, error, said); }))
+            return fail(kIo, "%s", error.c_str());
     }
 
-    const DeviceList list;
-    if (list.count == 0) return fail(kDevice, "no devices listed");
-    std::printf("terrain %ux%u, median filter radius %u, %u iterations\n", size, size, kRadius, kIterations);
-    const Sweep median = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
-        return run_median(queue, grid, kRadius, kIterations, timing) ? HALDEN_STATUS_OK : HALDEN_STATUS_DEVICE_ERROR;
-    });
-    std::printf("thermal shaper, amount %g, strength %g, %g m wide (cells of %g m, heights in m)\n", thermal.amount,
-                thermal.strength, thermal.extent, thermal.extent / static_cast<float>(size));
-    const Sweep shaped = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
-        return run_thermal(queue, grid, nullptr, thermal, timing);
-    });
-    std::printf("flow simulation, length %g, accumulation %g, seed %u\n", flow.length, flow.accumulation, flow.seed);
-    const Sweep flowed = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
-        return run_flow(queue, terrain, grid, false, flow, &kCallbacks, timing);
-    });
-    std::printf("shading, %s, %g m wide (heights in m)\n", describe_lighting(lighting).c_str(), kExtentMetres);
-    const size_t cells = terrain.cells.size();
-    const Sweep shaded = sweep_devices(list, terrain, [&](halden_queue* queue, Grid& grid, Timing& timing) {
-        // The grid carries every output plane, colour first, one after
-        // another, so that the comparison covers them all.
-        grid.cells.assign(6 * cells, 0.0f);
-        float* p = grid.cells.data();
-        const ShadePlanes planes{p + 3 * cells, p + 4 * cells, p + 5 * cells, p, p + cells, p + 2 * cells};
-        return run_shade(queue, terrain, shading, planes, timing);
-    });
-
-    if (!dir.empty()) {
-        const std::pair<const char*, const Sweep*> outputs[] = {
-            {"median.npy", &median}, {"thermal.npy", &shaped}, {"flow.npy", &flowed}};
-        std::vector<std::string> names = {dir + "/terrain.npy"};
-        for (const auto& [name, sweep] : outputs) {
-            if (sweep->results.empty()) continue;  // the first successful device's result
-            names.push_back(dir + "/" + name);
-            if (!write_grid(names.back(), sweep->results[0], error)) return fail(kIo, "%s", error.c_str());
-        }
-        if (!shaded.results.empty()) {
-            names.push_back(dir + "/shaded.png");
-            const float* color = shaded.results[0].cells.data();
-            if (!write_picture(names.back(), size, size, color, color + cells, color + 2 * cells, error))
+    // A real elevation model, read as users read theirs.
+    if (dem != "none") {
+        Grid heights;
+        std::string said;
+        start = now();
+        if (!read_grid(dem, ReadOptions{}, heights, error, said)) {
+            // The default sample is optional; a model asked for is not.
+            if (args.values.count("--dem")) return fail(kIo, "%s", error.c_str());
+            demo.say("no real elevation model: " + error + " (apt-get install python-matplotlib-data)");
+        } else {
+            demo.record("read " + std::filesystem::path(dem).filename().string(), "", since(start));
+            bool all = false;
+            const std::vector<size_t> missing = fill_missing(heights, all);
+            if (all) return fail(kIo, "%s: no cell has a height", dem.c_str());
+            const double metres = world_width(heights);
+            const float extent = static_cast<float>(metres > 0.0 ? metres : kSampleCellMetres * heights.width);
+            char line[200];
+            std::snprintf(line, sizeof line, "%s: %ux%u cells, %.1f km wide (shaded with heights x %g)", dem.c_str(),
+                          heights.width, heights.height, extent / 1000.0, kDemRelief);
+            demo.say(line);
+            if (!landscape("dem-", heights, extent, kDemRelief, missing, nullptr, nullptr))
                 return fail(kIo, "%s", error.c_str());
         }
-        std::printf("wrote");
-        for (size_t i = 0; i < names.size(); ++i)
-            std::printf("%s %s", i == 0 ? "" : i + 1 < names.size() ? "," : " and", names[i].c_str());
-        std::printf("\n");
     }
-    if (median.failed || shaped.failed || flowed.failed || shaded.failed) return kDevice;
-    return median.agree && shaped.agree && flowed.agree && shaded.agree ? kOk : kDisagree;
+    if (json) demo.print_json(dir);
+    return demo.status();
 }
 
 }  // namespace
@@ -1438,13 +1696,14 @@ int main(int argc, char** argv) {
         {"rasterize", cmd_rasterize, kRasterizeUsage},
         {"demo", cmd_demo, kDemoUsage}};
 
+    const char* const gdal = have_gdal() ? "yes" : "no";
     if (argc < 2) {
-        std::fputs(kUsageText, stderr);
+        std::fprintf(stderr, kUsageText, gdal);
         return kUsage;
     }
     const std::string first = argv[1];
     if (first == "-h" || first == "--help" || first == "help") {
-        std::fputs(kUsageText, stdout);
+        std::printf(kUsageText, gdal);
         return kOk;
     }
     for (const Command& command : kCommands) {
@@ -1457,6 +1716,7 @@ int main(int argc, char** argv) {
         }
         return command.run(argc, argv);
     }
-    std::fprintf(stderr, "halden: unknown command '%s'\n\n%s", first.c_str(), kUsageText);
+    std::fprintf(stderr, "halden: unknown command '%s'\n\n", first.c_str());
+    std::fprintf(stderr, kUsageText, gdal);
     return kUsage;
 }
