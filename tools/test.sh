@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds (CUDA when nvcc is found), runs the tests,
+# Installs what is missing, builds (CUDA when nvcc is found), runs the tests
+# (GoogleTest, the tool's checks, the Python package's pytest suite),
 # then builds and runs them again under AddressSanitizer and UBSan (CPU only).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages="cmake ninja-build g++ libgtest-dev libbenchmark-dev"
+packages="cmake ninja-build g++ libgtest-dev libbenchmark-dev libgdal-dev python3-numpy python3-pytest python-matplotlib-data"
 if ! dpkg -s $packages >/dev/null 2>&1; then
     apt-get update -qq
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $packages
