@@ -288,9 +288,9 @@ const char kDemoUsage[] =
     "heights 0 to 1000 m, read as a map 10 km wide, and runs on it, one after the\n"
     "other: the median filter (radius 3, 2 iterations) against the spikes and pits,\n"
     "the thermal shaper (amount -0.5, strength 1), the flow map of the shaped terrain\n"
-    "(length 0.5, accumulation 1, seed 1) and its shading ('halden shade' defaults).\n"
-    "Then shapes, flow-maps and shades a real elevation model the same way (its\n"
-    "heights shaded three times over, as real landscapes are gentle at map scale).\n"
+    "(length 0.5, accumulation 1, seed 1) and its shading ('halden shade' defaults,\n"
+    "heights three times over, as landscapes are gentle at map scale). Then shapes,\n"
+    "flow-maps and shades a real elevation model the same way.\n"
     "Prints the time of every step and writes pictures into DIR.\n"
     "\n"
     "  --size N      side of the terrain (default 1024)\n"
@@ -319,9 +319,9 @@ const char kDemoUsage[] =
 // (93 m north-south), and the file carries no georeference.
 const char kSampleDem[] = "/usr/share/matplotlib/mpl-data/sample_data/jacksboro_fault_dem.npz";
 constexpr float kSampleCellMetres = 75.0f;
-// Real landscapes are gentle at the scale of a whole map: shading their
-// heights three times over brings the hills out.
-constexpr float kDemRelief = 3.0f;
+// Landscapes are gentle at the scale of a whole map: the demo's pictures
+// shade their heights three times over to bring the hills out.
+constexpr float kPictureRelief = 3.0f;
 
 // --- Library callbacks ----------------------------------------------------------
 
@@ -1640,7 +1640,7 @@ int cmd_demo(int argc, char** argv) {
                                                                                        : HALDEN_STATUS_DEVICE_ERROR;
                                  });
     Grid shaped, map;
-    if (!median.cells.empty() && !landscape("", median, kExtentMetres, 1.0f, {}, &shaped, &map))
+    if (!median.cells.empty() && !landscape("", median, kExtentMetres, kPictureRelief, {}, &shaped, &map))
         return fail(kIo, "%s", error.c_str());
     const std::pair<const char*, const Grid*> grids[] = {
         {"terrain.npy", &terrain}, {"median.npy", &median}, {"thermal.npy", &shaped}, {"flow.npy", &map}};
@@ -1668,10 +1668,10 @@ int cmd_demo(int argc, char** argv) {
             const double metres = world_width(heights);
             const float extent = static_cast<float>(metres > 0.0 ? metres : kSampleCellMetres * heights.width);
             char line[200];
-            std::snprintf(line, sizeof line, "%s: %ux%u cells, %.1f km wide (shaded with heights x %g)", dem.c_str(),
-                          heights.width, heights.height, extent / 1000.0, kDemRelief);
+            std::snprintf(line, sizeof line, "%s: %ux%u cells, %.1f km wide", dem.c_str(),
+                          heights.width, heights.height, extent / 1000.0);
             demo.say(line);
-            if (!landscape("dem-", heights, extent, kDemRelief, missing, nullptr, nullptr))
+            if (!landscape("dem-", heights, extent, kPictureRelief, missing, nullptr, nullptr))
                 return fail(kIo, "%s", error.c_str());
         }
     }
