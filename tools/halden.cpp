@@ -1659,7 +1659,8 @@ int cmd_demo(int argc, char** argv) {
         if (!read_grid(dem, ReadOptions{}, heights, error, said)) {
             // The default sample is optional; a model asked for is not.
             if (args.values.count("--dem")) return fail(kIo, "%s", error.c_str());
-            demo.say("no real elevation model: " + error + " (apt-get install python-matplotlib-data)");
+            demo.say("no real elevation model: " + error +
+                     (std::filesystem::exists(dem) ? "" : " (apt-get install python-matplotlib-data)"));
         } else {
             demo.record("read " + std::filesystem::path(dem).filename().string(), "", since(start));
             bool all = false;
