@@ -21,13 +21,6 @@
 
 namespace halden::core {
 
-// Sets every cell to 0.0.
-inline void fill_zero(grid& g) {
-    float* d = g.get();
-    const std::size_t cols = g.extent().cols;
-    g.get_queue().parallel_for(g.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) { d[row * cols + col] = 0.0f; });
-}
-
 // detail(y, x) = height(y, x) - up(coarse)(y, x) over every cell of a w x h
 // level whose coarser level is wc x hc.
 inline void fill_detail(compute::queue& q, const float* height, float* detail, int w, int h, const float* coarse,

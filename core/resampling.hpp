@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Halving, doubling and sharpening of float grids on the device.
+// Filling, halving, doubling and sharpening of float grids on the device.
 //
 // Every operation comes in two forms, on usm_ptr grids and on buffers with a
 // queue; both enqueue exactly one kernel and return without waiting. The
@@ -21,6 +21,17 @@
 #if defined(HALDEN_WITH_CUDA) && !defined(__CUDACC__)
 #  error "this header defines kernels: compile the including file with halden_kernel_sources()"
 #endif
+
+namespace halden::core {
+
+// Sets every cell to `value`.
+inline void fill(grid& g, float value) {
+    float* d = g.get();
+    const std::size_t cols = g.extent().cols;
+    g.get_queue().parallel_for(g.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) { d[row * cols + col] = value; });
+}
+
+}  // namespace halden::core
 
 namespace resampling {
 

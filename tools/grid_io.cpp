@@ -525,27 +525,66 @@ bool read_grid(const std::string& path, const ReadOptions& options, Grid& grid, 
     }
 }
 
-bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {
-    // Next to the target, so the rename stays within one file system.
-    const std::string temp = path + ".tmp." + std::to_string(::getpid());
-    File f(std::fopen(temp.c_str(), "wbx"));
-    if (!f) {
-        error = path + ": " + std::strerror(errno);
-        return false;
-    }
-    bool ok = write(f.get());
-    ok = std::fflush(f.get()) == 0 && ok;
-    // Closing reports write errors that buffering deferred.
-    ok = std::fclose(f.release()) == 0 && ok;
-    if (!ok) {
-        error = temp + ": " + std::strerror(errno);
-    } else if (std::rename(temp.c_str(), path.c_str()) != 0) {
-        error = path + ": " + std::strerror(errno);
-    } else {
+namespace {
+
+// Makes `path` anew: `make(made)` writes the file, and any side files named
+// after it, at `made`, a path of the same name in a private folder beside
+// `path`, and throws on failure. Only then do the files move over the old
+// ones, so an existing file is replaced only by complete content. Writing
+// under the final name suits the GDAL drivers that insist on it (SRTM
+// tiles) or add side files (.aux.xml, .prj).
+bool replace_files(const std::string& path, const std::function<void(const std::string&)>& make,
+                   std::string& error) {
+    const fs::path target(path);
+    const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    const fs::path temp = dir / (".halden-" + std::to_string(::getpid()));
+    const std::string made = (temp / target.filename()).string();
+    std::error_code ec;
+    try {
+        fs::remove_all(temp, ec);
+        fs::create_directory(temp);
+        make(made);
+        std::vector<fs::path> files;
+        for (const auto& entry : fs::directory_iterator(temp)) files.push_back(entry.path());
+        // The main file last: until it moves, the old one stays whole.
+        std::stable_partition(files.begin(), files.end(),
+                              [&](const fs::path& p) { return p.filename() != target.filename(); });
+        bool has_aux = false;
+        for (const fs::path& file : files) {
+            has_aux = has_aux || file.filename() == target.filename().string() + ".aux.xml";
+            fs::rename(file, dir / file.filename());
+        }
+        // A side file of an earlier version would describe this one wrongly.
+        if (!has_aux) fs::remove(path + ".aux.xml");
+        fs::remove_all(temp, ec);
         return true;
+    } catch (const fs::filesystem_error& e) {
+        error = path + ": " + e.code().message();
+    } catch (const std::exception& e) {
+        // Reasons may name the file as it was made: name the user's instead.
+        std::string reason = e.what();
+        for (size_t at; (at = reason.find(made)) != std::string::npos;) reason.replace(at, made.size(), path);
+        error = path + ": " + reason;
     }
-    std::remove(temp.c_str());
+    fs::remove_all(temp, ec);
     return false;
+}
+
+}  // namespace
+
+bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {
+    return replace_files(
+        path,
+        [&](const std::string& made) {
+            File f(std::fopen(made.c_str(), "wb"));
+            require(f != nullptr, std::strerror(errno));
+            bool ok = write(f.get());
+            ok = std::fflush(f.get()) == 0 && ok;
+            // Closing reports write errors that buffering deferred.
+            ok = std::fclose(f.release()) == 0 && ok;
+            require(ok, std::strerror(errno));
+        },
+        error);
 }
 
 namespace {
@@ -601,41 +640,9 @@ bool write_grid(const std::string& path, const Grid& grid, const HeightRange& ra
         error = path + ": .npz archives are read only; write .npy";
         return false;
     }
-    // GDAL may write side files named after the target (.aux.xml, .prj), and
-    // some drivers insist on the name itself (SRTM tiles), so the files are
-    // made under their own names in a private folder beside the target and
-    // moved out once complete.
-    const fs::path target(path);
-    const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    const fs::path temp = dir / (".halden-" + std::to_string(::getpid()));
-    std::error_code ec;
-    try {
-        fs::remove_all(temp, ec);
-        fs::create_directory(temp);
-        write_gdal((temp / target.filename()).string(), ext, grid, range, note);
-        if (!note.empty()) note = path + ": " + note;
-        std::vector<fs::path> files;
-        for (const auto& entry : fs::directory_iterator(temp)) files.push_back(entry.path());
-        // The main file last: until it moves, the old one stays whole.
-        std::stable_partition(files.begin(), files.end(),
-                              [&](const fs::path& p) { return p.filename() != target.filename(); });
-        bool has_aux = false;
-        for (const fs::path& file : files) {
-            has_aux = has_aux || file.filename() == target.filename().string() + ".aux.xml";
-            fs::rename(file, dir / file.filename());
-        }
-        // A side file of an earlier version would describe this one wrongly.
-        if (!has_aux) fs::remove(path + ".aux.xml");
-        fs::remove_all(temp, ec);
-        return true;
-    } catch (const std::exception& e) {
-        // GDAL's reasons name the file it was given: name the user's instead.
-        std::string reason = e.what();
-        const std::string made = (temp / target.filename()).string();
-        for (size_t at; (at = reason.find(made)) != std::string::npos;) reason.replace(at, made.size(), path);
-        error = path + ": " + reason;
-        fs::remove_all(temp, ec);
-        return false;
-    }
+    const bool ok = replace_files(
+        path, [&](const std::string& made) { write_gdal(made, ext, grid, range, note); }, error);
+    if (ok && !note.empty()) note = path + ": " + note;
+    return ok;
 #endif
 }

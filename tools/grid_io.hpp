@@ -55,9 +55,9 @@ bool has_npy_extension(const std::string& path);
 bool read_grid(const std::string& path, const ReadOptions& options, Grid& grid, std::string& error,
                std::string& note);
 
-// Writes `path` through a temporary file in the same directory that `write`
-// fills and that is renamed over `path` only when everything was written, so
-// an existing file is replaced only by complete content.
+// Writes `path` through a temporary copy beside it that `write` fills and
+// that moves over `path` only when everything was written, so an existing
+// file is replaced only by complete content.
 bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error);
 
 // Writes a grid in the format of the name's extension, as read_grid picks it;

@@ -554,12 +554,16 @@ struct Timing {
     double mcells_per_second;
 };
 
-Timing timing_between(std::chrono::steady_clock::time_point start, std::chrono::steady_clock::time_point stop,
-                      double work) {
-    Timing timing{};
-    timing.milliseconds = std::chrono::duration<double, std::milli>(stop - start).count();
+// Times `call()`, an export call that returns its status; an error reported
+// through the error slot counts as a device error even when the call said 0.
+template <class Call>
+uint32_t timed(double work, Timing& timing, Call call) {
+    g_error = false;
+    const auto start = std::chrono::steady_clock::now();
+    const uint32_t status = call();
+    timing.milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     timing.mcells_per_second = timing.milliseconds > 0.0 ? work / (timing.milliseconds * 1e3) : 0.0;
-    return timing;
+    return status == HALDEN_STATUS_OK && g_error ? HALDEN_STATUS_DEVICE_ERROR : status;
 }
 
 // A line about a file worth knowing (how PNG samples map to heights), on
@@ -686,16 +690,33 @@ int open_queue(const std::string& device, halden_queue*& queue, std::string& key
     return kOk;
 }
 
-// Runs the filter in place and times the call alone; false when the library
-// reported an error.
-bool run_median(halden_queue* queue, Grid& grid, uint32_t radius, uint32_t iterations, Timing& timing) {
+// Opens a queue on `device` (`key` becomes its device's key), runs
+// `operation(queue)`, which returns an export status, and closes the queue,
+// whose wait may report late failures too. Returns kOk, or kDevice after a
+// message saying that `what` failed and OUT was not written.
+template <class Operation>
+int run_on_device(const std::string& device, std::string& key, const char* what, const std::string& out,
+                  Operation operation) {
+    halden_queue* queue = nullptr;
+    if (const int code = open_queue(device, queue, key); code != kOk) return code;
+    uint32_t status = operation(queue);
+    DestroySyclQueue(queue);
+    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;
+    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
+        return fail(kDevice, "not enough device memory on %s for %s; %s not written", key.c_str(), what, out.c_str());
+    if (status != HALDEN_STATUS_OK)
+        return fail(kDevice, "%s failed on %s; %s not written", what, key.c_str(), out.c_str());
+    return kOk;
+}
+
+// Runs the filter in place and times the call alone; the device-error
+// status when the library reported an error.
+uint32_t run_median(halden_queue* queue, Grid& grid, uint32_t radius, uint32_t iterations, Timing& timing) {
     const halden_median_filter_parameters parameters = {grid.width, radius, iterations, 0};
-    g_error = false;
-    const auto start = std::chrono::steady_clock::now();
-    MedianFilter(queue, grid.cells.data(), &parameters);
-    const auto stop = std::chrono::steady_clock::now();
-    timing = timing_between(start, stop, static_cast<double>(grid.cells.size()) * iterations);
-    return !g_error;
+    return timed(static_cast<double>(grid.cells.size()) * iterations, timing, [&] {
+        MedianFilter(queue, grid.cells.data(), &parameters);
+        return HALDEN_STATUS_OK;  // it reports failures through the error slot only
+    });
 }
 
 // The thermal shaper and the flow simulation take int32 sides and at most
@@ -741,13 +762,9 @@ uint32_t run_thermal(halden_queue* queue, Grid& grid, const float* mask, halden_
                      Timing& timing) {
     parameters.width = static_cast<int32_t>(grid.width);
     parameters.height = static_cast<int32_t>(grid.height);
-    g_error = false;
-    const auto start = std::chrono::steady_clock::now();
-    uint32_t status = ThermalShaper_Process(queue, grid.cells.data(), mask, &parameters, &kCallbacks);
-    const auto stop = std::chrono::steady_clock::now();
-    timing = timing_between(start, stop, static_cast<double>(grid.cells.size()));
-    if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
-    return status;
+    return timed(static_cast<double>(grid.cells.size()), timing, [&] {
+        return ThermalShaper_Process(queue, grid.cells.data(), mask, &parameters, &kCallbacks);
+    });
 }
 
 // Computes the flow map of `heights` into `map` and times the call alone.
@@ -762,14 +779,10 @@ uint32_t run_flow(halden_queue* queue, const Grid& heights, Grid& map, bool mask
     map.width = heights.width;
     map.height = heights.height;
     if (!masked) map.cells.assign(heights.cells.size(), 0.0f);
-    g_error = false;
-    const auto start = std::chrono::steady_clock::now();
-    uint32_t status = FlowSimulation(queue, masked ? 0u : HALDEN_FLOW_NO_MASK, heights.cells.data(), map.cells.data(),
-                                     &parameters, callbacks);
-    const auto stop = std::chrono::steady_clock::now();
-    timing = timing_between(start, stop, static_cast<double>(heights.cells.size()));
-    if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
-    return status;
+    return timed(static_cast<double>(heights.cells.size()), timing, [&] {
+        return FlowSimulation(queue, masked ? 0u : HALDEN_FLOW_NO_MASK, heights.cells.data(), map.cells.data(),
+                              &parameters, callbacks);
+    });
 }
 
 // What 'halden shade' lights with unless told otherwise.
@@ -848,14 +861,10 @@ struct ShadePlanes {
 // the device-error status when it said 0 but the error slot fired.
 uint32_t run_shade(halden_queue* queue, const Grid& heights, const halden_lighting_parameters& parameters,
                    const ShadePlanes& out, Timing& timing) {
-    g_error = false;
-    const auto start = std::chrono::steady_clock::now();
-    uint32_t status = Shade(queue, heights.cells.data(), out.diffuse, out.shadow, out.ao, out.r, out.g, out.b, nullptr,
-                            nullptr, nullptr, &parameters, &kCallbacks);
-    const auto stop = std::chrono::steady_clock::now();
-    timing = timing_between(start, stop, static_cast<double>(heights.cells.size()));
-    if (status == HALDEN_STATUS_OK && g_error) status = HALDEN_STATUS_DEVICE_ERROR;
-    return status;
+    return timed(static_cast<double>(heights.cells.size()), timing, [&] {
+        return Shade(queue, heights.cells.data(), out.diffuse, out.shadow, out.ao, out.r, out.g, out.b, nullptr,
+                     nullptr, nullptr, &parameters, &kCallbacks);
+    });
 }
 
 // `grid` extended to a square by repeating its last row or column.
@@ -1075,14 +1084,12 @@ int cmd_median(int argc, char** argv) {
         return fail(kIo, "%s: the median filter needs a square grid, this one is %ux%u", in.c_str(), grid.width,
                     grid.height);
 
-    halden_queue* queue = nullptr;
     std::string key;
-    if (const int code = open_queue(device, queue, key); code != kOk) return code;
     Timing timing{};
-    bool ok = run_median(queue, grid, radius, iterations, timing);
-    DestroySyclQueue(queue);
-    ok = ok && !g_error;  // waiting for the queue may report late failures too
-    if (!ok) return fail(kDevice, "the median filter failed on %s; %s not written", key.c_str(), out.c_str());
+    if (const int code = run_on_device(device, key, "the median filter", out,
+                                       [&](halden_queue* q) { return run_median(q, grid, radius, iterations, timing); });
+        code != kOk)
+        return code;
     mark_missing(grid, missing);
     if (const int code = write_output(out, grid, range); code != kOk) return code;
 
@@ -1135,19 +1142,16 @@ int cmd_thermal(int argc, char** argv) {
         extent = static_cast<float>(metres > 0.0 ? metres : grid.width);
     }
 
-    halden_queue* queue = nullptr;
-    std::string key;
-    if (const int code = open_queue(device, queue, key); code != kOk) return code;
     const halden_thermal_shaper_parameters parameters = {0, 0, height_scale, extent, level_factor, strength, amount, 0};
+    std::string key;
     Timing timing{};
-    uint32_t status = run_thermal(queue, grid, mask.cells.empty() ? nullptr : mask.cells.data(), parameters, timing);
-    DestroySyclQueue(queue);
-    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
-    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
-        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(),
-                    grid.width, grid.height, out.c_str());
-    if (status != HALDEN_STATUS_OK)
-        return fail(kDevice, "the thermal shaper failed on %s; %s not written", key.c_str(), out.c_str());
+    if (const int code = run_on_device(device, key, "the thermal shaper", out,
+                                       [&](halden_queue* q) {
+                                           return run_thermal(q, grid, mask.cells.empty() ? nullptr : mask.cells.data(),
+                                                              parameters, timing);
+                                       });
+        code != kOk)
+        return code;
     mark_missing(grid, missing);
     if (const int code = write_output(out, grid, range); code != kOk) return code;
 
@@ -1305,18 +1309,15 @@ int cmd_shade(int argc, char** argv) {
         terrain_size = static_cast<float>(metres > 0.0 ? metres : heights.width);
     }
     std::vector<float> planes;
-    halden_queue* queue = nullptr;
     std::string key;
-    if (const int code = open_queue(device, queue, key); code != kOk) return code;
     Timing timing{};
-    uint32_t status = shade_grid(queue, heights, lighting, terrain_size, height_scale, missing, planes, timing);
-    DestroySyclQueue(queue);
-    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
-    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
-        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(),
-                    heights.width, heights.height, out.c_str());
-    if (status != HALDEN_STATUS_OK)
-        return fail(kDevice, "shading failed on %s; %s not written", key.c_str(), out.c_str());
+    if (const int code = run_on_device(device, key, "shading", out,
+                                       [&](halden_queue* q) {
+                                           return shade_grid(q, heights, lighting, terrain_size, height_scale, missing,
+                                                             planes, timing);
+                                       });
+        code != kOk)
+        return code;
 
     const size_t cells = heights.cells.size();
     std::string error;
@@ -1369,20 +1370,17 @@ int cmd_blur(int argc, char** argv) {
         return fail(kIo, "%s: the blur takes grids of at most %u x %u cells, this one is %ux%u", in.c_str(),
                     kMaxBlurSide, kMaxBlurSide, grid.width, grid.height);
 
-    halden_queue* queue = nullptr;
     std::string key;
-    if (const int code = open_queue(device, queue, key); code != kOk) return code;
-    g_error = false;
-    const auto start = std::chrono::steady_clock::now();
-    uint32_t status = Blur(queue, grid.cells.data(), static_cast<int32_t>(grid.width), radius, &kCallbacks);
-    const auto stop = std::chrono::steady_clock::now();
-    const Timing timing = timing_between(start, stop, static_cast<double>(grid.cells.size()));
-    DestroySyclQueue(queue);
-    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
-    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
-        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(), grid.width,
-                    grid.height, out.c_str());
-    if (status != HALDEN_STATUS_OK) return fail(kDevice, "the blur failed on %s; %s not written", key.c_str(), out.c_str());
+    Timing timing{};
+    if (const int code = run_on_device(device, key, "the blur", out,
+                                       [&](halden_queue* q) {
+                                           return timed(static_cast<double>(grid.cells.size()), timing, [&] {
+                                               return Blur(q, grid.cells.data(), static_cast<int32_t>(grid.width),
+                                                           radius, &kCallbacks);
+                                           });
+                                       });
+        code != kOk)
+        return code;
     mark_missing(grid, missing);
     if (const int code = write_output(out, grid, range); code != kOk) return code;
 
@@ -1491,24 +1489,21 @@ int cmd_rasterize(int argc, char** argv) {
     Grid ids{width, height, {}, {}};
     if (!ids_path.empty()) ids.cells.resize(heights.cells.size());
 
-    halden_queue* queue = nullptr;
     std::string key;
-    if (const int code = open_queue(device, queue, key); code != kOk) return code;
-    g_error = false;
-    const auto start = std::chrono::steady_clock::now();
+    Timing timing{};
     // The record comes back with the rendered (doubled) size when
     // supersampling; the grids stay width x height.
-    uint32_t status = MeshRasterizer_RenderMesh(queue, &record, heights.cells.data(),
-                                                ids_path.empty() ? nullptr : ids.cells.data(), &parameters, &kCallbacks);
-    const auto stop = std::chrono::steady_clock::now();
-    const Timing timing = timing_between(start, stop, static_cast<double>(mesh.triangle_count()));
-    DestroySyclQueue(queue);
-    if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
-    if (status == HALDEN_STATUS_OUT_OF_MEMORY)
-        return fail(kDevice, "not enough device memory on %s for %zu triangles into %ux%u; %s not written",
-                    key.c_str(), mesh.triangle_count(), width, height, out.c_str());
-    if (status != HALDEN_STATUS_OK)
-        return fail(kDevice, "rasterizing failed on %s; %s not written", key.c_str(), out.c_str());
+    if (const int code = run_on_device(device, key, "rasterizing", out,
+                                       [&](halden_queue* q) {
+                                           return timed(static_cast<double>(mesh.triangle_count()), timing, [&] {
+                                               return MeshRasterizer_RenderMesh(
+                                                   q, &record, heights.cells.data(),
+                                                   ids_path.empty() ? nullptr : ids.cells.data(), &parameters,
+                                                   &kCallbacks);
+                                           });
+                                       });
+        code != kOk)
+        return code;
     if (const int code = write_output(out, heights, range); code != kOk) return code;
     if (!ids_path.empty())
         if (const int code = write_output(ids_path, ids, {}); code != kOk) return code;
@@ -1636,8 +1631,7 @@ int cmd_demo(int argc, char** argv) {
     demo.record("generate terrain " + std::to_string(size) + "x" + std::to_string(size), "", since(start));
     const Grid median = demo.run("median filter", terrain, static_cast<double>(terrain.cells.size()) * kIterations,
                                  [&](halden_queue* q, Grid& g, Timing& t) {
-                                     return run_median(q, g, kRadius, kIterations, t) ? HALDEN_STATUS_OK
-                                                                                       : HALDEN_STATUS_DEVICE_ERROR;
+                                     return run_median(q, g, kRadius, kIterations, t);
                                  });
     Grid shaped, map;
     if (!median.cells.empty() && !landscape("", median, kExtentMetres, kPictureRelief, {}, &shaped, &map))

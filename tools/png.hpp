@@ -11,9 +11,7 @@ bool has_png_extension(const std::string& path);
 
 // Writes `rgb` (width * height pixels of three bytes, rows top to bottom) as
 // an 8-bit RGB PNG. The pixel data goes into the zlib stream as uncompressed
-// "stored" blocks, so the file is about as large as the pixels. Goes through a
-// temporary file in the same directory that is renamed over `path`, so an
-// existing file is replaced only once everything is written. On failure sets
-// `error`.
+// "stored" blocks, so the file is about as large as the pixels. Replaces an
+// existing file only once everything is written. On failure sets `error`.
 bool write_png_rgb(const std::string& path, uint32_t width, uint32_t height, const std::vector<uint8_t>& rgb,
                    std::string& error);

@@ -44,7 +44,7 @@ public:
 private:
     void clear_marks() {
         m_marks = grid(queue(), m_heights.extent(), "pit marks");
-        halden::core::fill_zero(m_marks);
+        halden::core::fill(m_marks, 0.0f);
     }
     grid m_marks;
 };

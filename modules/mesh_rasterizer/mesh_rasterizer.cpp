@@ -7,6 +7,7 @@
 
 #include "core/bits.hpp"
 #include "core/math.hpp"
+#include "core/resampling.hpp"
 
 namespace mesh_rasterizer {
 
@@ -15,18 +16,11 @@ using halden::min_of;
 using halden::compute::queue;
 using halden::compute::range;
 using halden::compute::usm_ptr;
+using halden::core::fill;
 
 halden_callbacks callbacks{};
 
 namespace {
-
-// FIXME(cuda): nvcc takes no device lambdas inside constructors, so the
-// constructor clears its grids through this.
-void fill(grid& g, float value) {
-    float* d = g.get();
-    const std::size_t cols = g.extent().cols;
-    g.get_queue().parallel_for(g.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) { d[row * cols + col] = value; });
-}
 
 bool finite3(const float* v) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
 

@@ -73,7 +73,7 @@ public:
     // also 9 and 10.
     template <bool Extra>
     void init() {
-        for (int i = 1; i <= (Extra ? 10 : 8); ++i) halden::core::fill_zero(layer(i));
+        for (int i = 1; i <= (Extra ? 10 : 8); ++i) halden::core::fill(layer(i), 0.0f);
     }
 
     void reconstruct_previous_level(float carrying) {

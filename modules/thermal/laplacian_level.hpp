@@ -88,8 +88,8 @@ private:
         m_moved = grid(queue(), m_heights.extent(), "moved material");
         m_scratch = grid(queue(), m_heights.extent(), "scratch");
         m_resting = grid(queue(), m_heights.extent(), "resting material");
-        halden::core::fill_zero(m_moved);
-        halden::core::fill_zero(m_resting);
+        halden::core::fill(m_moved, 0.0f);
+        halden::core::fill(m_resting, 0.0f);
     }
     grid m_mask, m_moved, m_scratch, m_resting;
 };
