@@ -482,8 +482,6 @@ bool have_gdal() {
 #endif
 }
 
-bool has_npy_extension(const std::string& path) { return extension_of(path) == ".npy"; }
-
 bool read_grid(const std::string& path, const ReadOptions& options, Grid& grid, std::string& error,
                std::string& note) {
     grid = Grid{};
@@ -590,7 +588,7 @@ bool write_file_replacing(const std::string& path, const std::function<bool(std:
 namespace {
 
 bool write_npy_or_raw(const std::string& path, const Grid& grid, std::string& error) {
-    const bool npy = has_npy_extension(path);
+    const bool npy = extension_of(path) == ".npy";
     const bool fill = grid.georeference.has_nodata;
     return write_file_replacing(
         path,

@@ -42,9 +42,6 @@ struct ReadOptions {
 // True when GDAL was built in.
 bool have_gdal();
 
-// True when the name ends in ".npy" (any case).
-bool has_npy_extension(const std::string& path);
-
 // Reads a grid, picking the format by the name's extension: .npy (any real
 // dtype, converted to float32), .npz (its first 2-D array, or NAME with
 // "FILE.npz:NAME"; needs GDAL), .raw/.f32/.r32/.bin (float32 rows of

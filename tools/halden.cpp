@@ -743,18 +743,6 @@ int read_mask(const std::string& path, const std::string& in, const Grid& grid, 
     return kOk;
 }
 
-// Reads option --mask into `path` (empty when not given); false after a
-// message when it is given empty.
-bool mask_option(const Args& args, std::string& path) {
-    const auto it = args.values.find("--mask");
-    path = it == args.values.end() ? std::string() : it->second;
-    if (it != args.values.end() && path.empty()) {
-        fail(kUsage, "--mask needs a value");
-        return false;
-    }
-    return true;
-}
-
 // Shapes the grid in place (`mask` may be null) and times the call alone.
 // Returns the export's status, or the device-error status when it said 0 but
 // the error slot fired.
@@ -1031,6 +1019,18 @@ bool write_flow_picture(const std::string& path, const Grid& flow, const std::ve
     return write_picture(path, flow.width, flow.height, rgb.data(), rgb.data() + cells, rgb.data() + 2 * cells, error);
 }
 
+// Reads a path option into `path` (empty when not given); false after a
+// message when it is given empty.
+bool path_option(const Args& args, const char* name, std::string& path) {
+    const auto it = args.values.find(name);
+    path = it == args.values.end() ? std::string() : it->second;
+    if (it != args.values.end() && path.empty()) {
+        fail(kUsage, "%s needs a value", name);
+        return false;
+    }
+    return true;
+}
+
 // --- Commands ---------------------------------------------------------------------
 
 int cmd_devices(int argc, char** argv) {
@@ -1123,7 +1123,7 @@ int cmd_thermal(int argc, char** argv) {
     std::string device;
     if (!device_option(args, device)) return kUsage;
     std::string mask_path;
-    if (!mask_option(args, mask_path)) return kUsage;
+    if (!path_option(args, "--mask", mask_path)) return kUsage;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
 
@@ -1183,7 +1183,7 @@ int cmd_flow(int argc, char** argv) {
     std::string device;
     if (!device_option(args, device)) return kUsage;
     std::string mask_path;
-    if (!mask_option(args, mask_path)) return kUsage;
+    if (!path_option(args, "--mask", mask_path)) return kUsage;
     const bool quiet = args.switches.count("--quiet") != 0, json = args.switches.count("--json") != 0;
     const std::string& in = args.positional[0];
     const std::string& out = args.positional[1];
@@ -1241,18 +1241,6 @@ int cmd_flow(int argc, char** argv) {
                     timing.mcells_per_second);
     }
     return kOk;
-}
-
-// Reads a path option into `path` (empty when not given); false after a
-// message when it is given empty.
-bool path_option(const Args& args, const char* name, std::string& path) {
-    const auto it = args.values.find(name);
-    path = it == args.values.end() ? std::string() : it->second;
-    if (it != args.values.end() && path.empty()) {
-        fail(kUsage, "%s needs a value", name);
-        return false;
-    }
-    return true;
 }
 
 int cmd_shade(int argc, char** argv) {
