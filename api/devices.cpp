@@ -40,13 +40,13 @@ extern "C" {
 
 HALDEN_API void GetDevices(halden_device_record** devices, uint32_t* count) noexcept {
     if (!devices || !count) {
-        send_error(g_callbacks, "GetDevices: null output pointer");
+        send_error(process_callbacks(), "GetDevices: null output pointer");
         return;
     }
     *devices = nullptr;
     *count = 0;
     try {
-        send_info(g_callbacks, "Device scan started (AdaptiveCpp)");
+        send_info(process_callbacks(), "Device scan started (AdaptiveCpp)");
         std::vector<device::description> list;
         list.reserve(20);
         for (const compute::device& dev : compute::get_devices()) {
@@ -57,11 +57,11 @@ HALDEN_API void GetDevices(halden_device_record** devices, uint32_t* count) noex
         }
         *devices = make_array(list);
         *count = static_cast<uint32_t>(list.size());
-        send_info(g_callbacks, "Device scan finished");
+        send_info(process_callbacks(), "Device scan finished");
     } catch (const std::exception& e) {
-        send_error(g_callbacks, std::string("Exception caught while scanning devices: ") + e.what());
+        send_error(process_callbacks(), std::string("Exception caught while scanning devices: ") + e.what());
     } catch (...) {
-        send_error(g_callbacks, "Unknown exception caught while scanning devices");
+        send_error(process_callbacks(), "Unknown exception caught while scanning devices");
     }
 }
 
@@ -76,19 +76,23 @@ HALDEN_API void FreeDevices(halden_device_record* devices) noexcept {
 
 HALDEN_API halden_device_record* GetDeviceInfo(halden_queue* queue) noexcept {
     halden_device_record* info = nullptr;
+    if (!queue) {
+        // A bad argument, not a failure of the device: one text says it all.
+        send_error(process_callbacks(), "GetDeviceInfo: null queue handle");
+        return nullptr;
+    }
     try {
         info = static_cast<halden_device_record*>(std::calloc(1, sizeof(halden_device_record)));
         if (!info) throw std::bad_alloc();
-        if (!queue) throw compute::exception("null queue handle");
         device::fill_record(*info, device::describe(queue->queue.get_device()));
         return info;
     } catch (const std::exception& e) {
         FreeDeviceInfo(info);
-        send_error(g_callbacks, "Exception caught while getting device info: ");
-        send_error(g_callbacks, e.what());
+        send_error(process_callbacks(), "Exception caught while getting device info: ");
+        send_error(process_callbacks(), e.what());
     } catch (...) {
         FreeDeviceInfo(info);
-        send_error(g_callbacks, "Unknown exception caught while getting device info");
+        send_error(process_callbacks(), "Unknown exception caught while getting device info");
     }
     return nullptr;
 }
@@ -101,21 +105,21 @@ HALDEN_API void FreeDeviceInfo(halden_device_record* info) noexcept {
 
 HALDEN_API halden_queue* CreateSyclQueue(const char* key, const halden_callbacks* callbacks) noexcept {
     try {
-        g_callbacks = complete(callbacks);
+        install_process_callbacks(callbacks);
         device::silence_standard_error();
         if (!key) {
-            send_error(g_callbacks, "CreateSyclQueue: null device key");
+            send_error(process_callbacks(), "CreateSyclQueue: null device key");
             return nullptr;
         }
         return device::make_queue(key).release();
     } catch (const compute::exception& e) {
         // "No matching device" is answered by null alone; other runtime failures are reported.
         if (std::strcmp(e.what(), "No matching device") != 0)
-            send_error(g_callbacks, std::string("Runtime error while creating a queue: ") + e.what());
+            send_error(process_callbacks(), std::string("Runtime error while creating a queue: ") + e.what());
     } catch (const std::exception& e) {
-        send_error(g_callbacks, std::string("Error: ") + e.what());
+        send_error(process_callbacks(), std::string("Error: ") + e.what());
     } catch (...) {
-        send_error(g_callbacks, "Error: unknown exception while creating a queue");
+        send_error(process_callbacks(), "Error: unknown exception while creating a queue");
     }
     return nullptr;
 }
@@ -126,10 +130,10 @@ HALDEN_API void DestroySyclQueue(halden_queue* queue) noexcept {
         queue->queue.wait_and_throw();
         delete queue;
     } catch (const std::exception& e) {
-        send_error(g_callbacks, "Exception caught while deactivating device: ");
-        send_error(g_callbacks, e.what());
+        send_error(process_callbacks(), "Exception caught while deactivating device: ");
+        send_error(process_callbacks(), e.what());
     } catch (...) {
-        send_error(g_callbacks, "Unknown exception caught while deactivating device");
+        send_error(process_callbacks(), "Unknown exception caught while deactivating device");
     }
 }
 

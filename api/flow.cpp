@@ -19,9 +19,9 @@ extern "C" HALDEN_API uint32_t FlowSimulation(halden_queue* queue, uint64_t no_m
     if (!api::accept(f, [&] { return flow::check(p); }, "the flow grid is left unchanged")) return HALDEN_STATUS_DEVICE_ERROR;
     f.need_bytes = flow::memory_estimate(p);
     return api::run(*queue, f, [&] {
-        flow::Flow simulation(queue->queue, p, no_mask, heights, map);
+        flow::Flow simulation(queue->queue, p, no_mask, heights, map, &f.callbacks);
         if (simulation.process()) return HALDEN_STATUS_OK;
-        send_info(flow::callbacks, "FlowSimulation: cancelled; the map holds the particles that ran");
+        send_info(f.callbacks, "FlowSimulation: cancelled; the map holds the particles that ran");
         return HALDEN_STATUS_DEVICE_ERROR;
     });
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "api/frame.hpp"
 
+#include <mutex>
 #include <string>
 
 #include "device/description.hpp"
@@ -15,32 +16,40 @@ std::uint64_t announced_bytes(const compute::device& dev, std::uint64_t need) {
 
 namespace detail {
 
-const halden_callbacks& channel(const frame& f) {
-    return f.module_callbacks ? *f.module_callbacks : g_callbacks;
-}
+namespace {
+// Module copies are written by every call, from any thread.
+std::mutex module_copy_mutex;
+}  // namespace
 
 bool begin(halden_queue& q, const frame& f, std::uint64_t& announced) {
-    if (!f.module_callbacks) return true;
+    if (!f.module_callbacks) {
+        q.call = &f.callbacks;
+        return true;
+    }
     const std::uint64_t need = f.need_bytes;
     try {
         const std::uint64_t probe = need > ~std::uint64_t(0) - precheck_headroom ? ~std::uint64_t(0) : need + precheck_headroom;
         if (probe > std::uint64_t(std::size_t(-1))) throw compute::out_of_memory("size overflows the address space");
         compute::usm_ptr<unsigned char, 1> trial(q.queue, {static_cast<std::size_t>(probe)}, "memory pre-check");
     } catch (const compute::out_of_memory& e) {
-        send_error(complete(f.caller_callbacks),
+        send_error(f.callbacks,
                    std::string(f.operation) + ": not enough device memory for " + compute::format_bytes(need) +
                        " plus headroom on " + q.queue.get_device().name() + " (" + e.what() + ")");
         return false;
     }
-    *f.module_callbacks = complete(f.caller_callbacks);
+    {
+        const std::lock_guard<std::mutex> lock(module_copy_mutex);
+        *f.module_callbacks = complete(f.caller_callbacks);
+    }
     announced = announced_bytes(q.queue.get_device(), need);
-    f.module_callbacks->reserve(announced);
-    g_async_error = 0;
+    f.callbacks.reserve(announced);
+    q.call = &f.callbacks;
+    q.async_error = false;
     return true;
 }
 
 std::uint32_t report_current_exception(halden_queue& q, const frame& f) noexcept {
-    const halden_callbacks& out = channel(f);
+    const halden_callbacks& out = f.callbacks;
     const compute::device& dev = q.queue.get_device();
     const std::string name = dev.name();
     const std::string backend = device::backend_name(dev.get_backend());
@@ -68,9 +77,10 @@ std::uint32_t finish(halden_queue& q, const frame& f, std::uint32_t own, std::ui
     } catch (...) {
         own = report_current_exception(q, f);
     }
+    q.call = nullptr;
     if (!f.module_callbacks) return HALDEN_STATUS_OK;
-    const std::uint32_t status = g_async_error ? HALDEN_STATUS_DEVICE_ERROR : own;
-    if (announced) f.module_callbacks->release(announced);
+    const std::uint32_t status = q.async_error ? HALDEN_STATUS_DEVICE_ERROR : own;
+    if (announced) f.callbacks.release(announced);
     return status;
 }
 
@@ -78,8 +88,7 @@ std::uint32_t finish(halden_queue& q, const frame& f, std::uint32_t own, std::ui
 
 void reject(const frame& f, const char* problem) noexcept {
     try {
-        send_error(f.module_callbacks ? complete(f.caller_callbacks) : g_callbacks,
-                   std::string(f.operation) + ": " + problem);
+        send_error(f.callbacks, std::string(f.operation) + ": " + problem);
     } catch (...) {
     }
 }

@@ -20,13 +20,26 @@ inline constexpr std::uint64_t precheck_headroom = 0x10000000;  // 256 MiB
 inline constexpr std::uint64_t announce_floor = 0x4000000;      // 64 MiB
 
 struct frame {
+    frame(const char* operation, halden_callbacks* module_callbacks = nullptr,
+          const halden_callbacks* caller_callbacks = nullptr, std::uint64_t need_bytes = 0)
+        : operation(operation),
+          module_callbacks(module_callbacks),
+          caller_callbacks(caller_callbacks),
+          need_bytes(need_bytes),
+          callbacks(call_callbacks(caller_callbacks)) {}
+
     const char* operation;
     // The module's own process-wide copy of the caller's record, or null for
     // exports that take no record: they skip the pre-check, the announcement
     // and the status, report through the process-wide table and return 0.
-    halden_callbacks* module_callbacks = nullptr;
-    const halden_callbacks* caller_callbacks = nullptr;
-    std::uint64_t need_bytes = 0;
+    // The copy only records the last caller; nothing is routed through it.
+    halden_callbacks* module_callbacks;
+    const halden_callbacks* caller_callbacks;
+    std::uint64_t need_bytes;
+    // This call's own record: progress, cancel, reserve, release and every
+    // text of the call go through it, so concurrent calls on other queues
+    // never reach each other's callbacks.
+    halden_callbacks callbacks;
     // Sent for an exception of no known type.
     const char* unknown_error = "Error: unknown exception";
 };
@@ -37,8 +50,6 @@ std::uint64_t announced_bytes(const compute::device& dev, std::uint64_t need);
 namespace detail {
 // Steps before the operation runs; false when the pre-check failed.
 bool begin(halden_queue& q, const frame& f, std::uint64_t& announced);
-// The error channel of the frame.
-const halden_callbacks& channel(const frame& f);
 // Sends the text for the exception in flight; returns the status it means.
 std::uint32_t report_current_exception(halden_queue& q, const frame& f) noexcept;
 std::uint32_t finish(halden_queue& q, const frame& f, std::uint32_t own, std::uint64_t announced) noexcept;

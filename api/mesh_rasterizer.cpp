@@ -25,15 +25,15 @@ extern "C" HALDEN_API uint32_t MeshRasterizer_RenderMesh(halden_queue* queue, co
             parameters->width = rendered.width = 2 * p.width;
             parameters->height = rendered.height = 2 * p.height;
         }
-        mesh_rasterizer::MeshRasterizer r(queue->queue, *mesh, rendered, triangle_ids != nullptr);
+        mesh_rasterizer::MeshRasterizer r(queue->queue, *mesh, rendered, triangle_ids != nullptr, &f.callbacks);
         r.process_vertices();
         if (triangle_ids)
             r.render<true, true, true, false>(mesh_rasterizer::size_limit);
         else
             r.render<true, false, true, false>(mesh_rasterizer::size_limit);
         queue->queue.synchronize();
-        if (mesh_rasterizer::callbacks.cancel() != 0) {
-            send_info(mesh_rasterizer::callbacks, "MeshRasterizer_RenderMesh: cancelled; the grids are left unchanged");
+        if (r.cancelled() || f.callbacks.cancel() != 0) {
+            send_info(f.callbacks, "MeshRasterizer_RenderMesh: cancelled; the grids are left unchanged");
             return HALDEN_STATUS_DEVICE_ERROR;
         }
         if (p.supersample)

@@ -27,9 +27,10 @@ extern "C" HALDEN_API uint32_t Shade(halden_queue* queue, const float* heights, 
     f.need_bytes = lighting::memory_estimate(p);
     return api::run(*queue, f, [&] {
         lighting::LightingSYCL shading(queue->queue, p,
-                                       {heights, diffuse, shadow, ao, out_r, out_g, out_b, albedo_r, albedo_g, albedo_b});
+                                       {heights, diffuse, shadow, ao, out_r, out_g, out_b, albedo_r, albedo_g, albedo_b},
+                                       &f.callbacks);
         if (shading.run()) return HALDEN_STATUS_OK;
-        send_info(lighting::callbacks, "Shade: cancelled; nothing is written");
+        send_info(f.callbacks, "Shade: cancelled; nothing is written");
         return HALDEN_STATUS_DEVICE_ERROR;
     });
 }

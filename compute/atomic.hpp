@@ -38,4 +38,31 @@ HALDEN_HD inline std::uint32_t atomic_compare_exchange(std::uint32_t* target, st
 #endif
 }
 
+// Keeps the greater of *target and `value`; returns the value found. Integer
+// maxima are order-independent, which float updates are not: pack a float as
+// an ordered key (core/bits.hpp) to take its maximum this way.
+HALDEN_HD inline std::uint32_t atomic_max(std::uint32_t* target, std::uint32_t value) {
+#if defined(__CUDA_ARCH__)
+    return atomicMax(reinterpret_cast<unsigned int*>(target), value);
+#else
+    std::atomic_ref<std::uint32_t> a(*target);
+    std::uint32_t seen = a.load(std::memory_order_relaxed);
+    while (seen < value && !a.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+    }
+    return seen;
+#endif
+}
+
+HALDEN_HD inline std::uint64_t atomic_max(std::uint64_t* target, std::uint64_t value) {
+#if defined(__CUDA_ARCH__)
+    return atomicMax(reinterpret_cast<unsigned long long*>(target), static_cast<unsigned long long>(value));
+#else
+    std::atomic_ref<std::uint64_t> a(*target);
+    std::uint64_t seen = a.load(std::memory_order_relaxed);
+    while (seen < value && !a.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+    }
+    return seen;
+#endif
+}
+
 }  // namespace halden::compute

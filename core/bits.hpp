@@ -29,4 +29,16 @@ HALDEN_HD inline float bits_float(std::uint32_t u) {
 #endif
 }
 
+// An unsigned key whose order is the floats' order (-0 just below +0; NaN
+// keys lie outside the range of the other values, so leave NaN out): integer
+// maxima of keys are float maxima that no scheduling order can change.
+HALDEN_HD inline std::uint32_t ordered_key(float x) {
+    const std::uint32_t u = float_bits(x);
+    return (u & 0x80000000u) ? ~u : (u | 0x80000000u);
+}
+
+HALDEN_HD inline float key_float(std::uint32_t key) {
+    return bits_float((key & 0x80000000u) ? (key & 0x7FFFFFFFu) : ~key);
+}
+
 }  // namespace halden

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "device/messages.hpp"
 
+#include <mutex>
+
 namespace halden {
 namespace {
 
@@ -12,10 +14,21 @@ std::int32_t no_cancel() { return 0; }
 constexpr halden_callbacks defaults{ignore_text,  no_progress_cancel, ignore_text,  ignore_text,
                                     ignore_text,  ignore_bytes,       ignore_bytes, no_cancel};
 
+std::mutex process_mutex;
+halden_callbacks process_table = defaults;
+
 }  // namespace
 
-halden_callbacks g_callbacks = defaults;
-std::uint8_t g_async_error = 0;
+void install_process_callbacks(const halden_callbacks* table) {
+    const halden_callbacks t = complete(table);
+    const std::lock_guard<std::mutex> lock(process_mutex);
+    process_table = t;
+}
+
+halden_callbacks process_callbacks() {
+    const std::lock_guard<std::mutex> lock(process_mutex);
+    return process_table;
+}
 
 halden_callbacks complete(const halden_callbacks* table) {
     if (!table) return defaults;
@@ -34,8 +47,17 @@ halden_callbacks complete(const halden_callbacks* table) {
 void send_info(const halden_callbacks& table, const std::string& text) { table.info(text.c_str()); }
 void send_error(const halden_callbacks& table, const std::string& text) { table.error(text.c_str()); }
 
+halden_callbacks call_callbacks(const halden_callbacks* caller) {
+    if (caller) return complete(caller);
+    const halden_callbacks process = process_callbacks();
+    halden_callbacks t = defaults;
+    t.info = process.info;
+    t.error = process.error;
+    return t;
+}
+
 void flush_error(std::string& text) {
-    send_error(g_callbacks, text);
+    send_error(process_callbacks(), text);
     text.clear();
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The message channel: the process-wide callback table, the asynchronous-error
-// flag, and helpers that send texts through a table's slots.
+// The message channel: the process-wide callback table, the record each call
+// talks through, and helpers that send texts through a table's slots.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +12,19 @@
 
 namespace halden {
 
-// Installed by CreateSyclQueue; the last call wins. Plain globals, unlocked:
-// queues must not be created while other calls are sending messages.
-extern halden_callbacks g_callbacks;
-// Set by the queues' asynchronous-error handler; cleared and read by the call frame.
-extern std::uint8_t g_async_error;
+// The process-wide table, installed by CreateSyclQueue (the last call wins).
+// Guarded, so that a queue created on one thread never tears a table another
+// thread is reading; the device exports report through it.
+void install_process_callbacks(const halden_callbacks* table);
+halden_callbacks process_callbacks();
 
 // Every slot filled: null tables and null slots become the do-nothing defaults.
 halden_callbacks complete(const halden_callbacks* table);
+
+// The record one operation call talks through: the caller's, completed; with
+// no record, the texts (info, error) go to the process-wide table and the
+// other slots do nothing.
+halden_callbacks call_callbacks(const halden_callbacks* caller);
 
 void send_info(const halden_callbacks& table, const std::string& text);
 void send_error(const halden_callbacks& table, const std::string& text);

@@ -7,20 +7,22 @@
 #include "device/description.hpp"
 #include "device/messages.hpp"
 
-halden_queue::halden_queue(const halden::compute::device& dev) : queue(dev, halden::device::async_error_handler) {}
+halden_queue::halden_queue(const halden::compute::device& dev)
+    : queue(dev, [this](halden::compute::exception_list errors) { handle_async_errors(std::move(errors)); }) {}
 
-namespace halden::device {
-
-void async_error_handler(compute::exception_list errors) {
+void halden_queue::handle_async_errors(halden::compute::exception_list errors) {
     for (const std::exception_ptr& e : errors) {
         try {
             std::rethrow_exception(e);
-        } catch (const compute::exception& x) {
-            send_error(g_callbacks, std::string("Caught asynchronous SYCL exception: ") + x.what());
-            g_async_error = 1;
+        } catch (const halden::compute::exception& x) {
+            halden::send_error(call ? *call : halden::process_callbacks(),
+                               std::string("Caught asynchronous SYCL exception: ") + x.what());
+            async_error = true;
         }
     }
 }
+
+namespace halden::device {
 
 void silence_standard_error() {
 #if defined(_WIN32)

@@ -2,6 +2,7 @@
 // The object behind a queue handle.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -10,14 +11,24 @@
 
 struct halden_queue {
     explicit halden_queue(const halden::compute::device& dev);
+    halden_queue(const halden_queue&) = delete;
+    halden_queue& operator=(const halden_queue&) = delete;
+
+    // Reports each asynchronous error as "Caught asynchronous SYCL exception:
+    // ..." through the error slot of the call running on this queue (the
+    // process-wide table between calls) and sets `async_error`.
+    void handle_async_errors(halden::compute::exception_list errors);
+
+    // The error state and the running call's record belong to the queue, so
+    // that calls on other queues, on other threads, never see them. A queue
+    // is used by one caller at a time.
+    std::atomic<bool> async_error{false};
+    const halden_callbacks* call = nullptr;
+
     halden::compute::queue queue;
 };
 
 namespace halden::device {
-
-// Reports each asynchronous error as "Caught asynchronous SYCL exception: ..."
-// through the process-wide error channel and sets the asynchronous-error flag.
-void async_error_handler(compute::exception_list errors);
 
 // Points std::cerr at the null device (opened once per process), so that
 // nothing reaches the console behind the application's back.

@@ -82,7 +82,7 @@ TEST_F(Frame, InjectedAsynchronousErrorGivesStatusThree) {
     EXPECT_EQ(run(MiB, [&] { return queue->queue.report_async_error("injected fault"), 0u; }), 3u);
     EXPECT_EQ(messages().error, (std::vector<std::string>{"Caught asynchronous SYCL exception: injected fault"}));
     EXPECT_EQ(messages().released, messages().reserved);
-    EXPECT_EQ(g_async_error, 1);
+    EXPECT_TRUE(queue->async_error);
     // The next call starts with a clear flag.
     EXPECT_EQ(run(MiB), 0u);
 }
@@ -119,4 +119,32 @@ TEST_F(Frame, ExportsWithoutARecordAlwaysReturnZero) {
 TEST_F(Frame, NullCallerRecordMeansDefaults) {
     EXPECT_EQ(api::run(*queue, api::frame{"TestOperation", &module_copy, nullptr, MiB}, [] { return 0u; }), 0u);
     EXPECT_TRUE(messages().reserved.empty());
+}
+
+TEST_F(Frame, RefusalsWithoutARecordReachTheProcessWideTable) {
+    // Each export with a record it refuses and no callback record of its own:
+    // the one error text goes to the table the queue was created with.
+    std::vector<float> grid(16, 1.0f);
+    const halden_thermal_shaper_parameters thermal{4, 4, 0.0f, 4.0f, 0.125f, 1.0f, -0.5f, 0};
+    const halden_flow_parameters flow{0, 4, 0.5f, 1.0f, 1};
+    halden_lighting_parameters light{};
+    const halden_mesh mesh{nullptr, 3, 0, nullptr, 0, 0};
+    halden_mesh_rasterizer_parameters raster{};
+    raster.width = raster.height = 4, raster.scale = raster.depth_divisor = 1.0f;
+    const std::vector<std::function<std::uint32_t()>> calls{
+        [&] { return ThermalShaper_Process(queue, grid.data(), nullptr, &thermal, nullptr); },
+        [&] { return FlowSimulation(queue, HALDEN_FLOW_NO_MASK, grid.data(), grid.data(), &flow, nullptr); },
+        [&] {
+            return Shade(queue, grid.data(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                         nullptr, &light, nullptr);
+        },
+        [&] { return MeshRasterizer_RenderMesh(queue, &mesh, grid.data(), nullptr, &raster, nullptr); },
+        [&] { return Blur(queue, grid.data(), 4, -1.0f, nullptr); },
+    };
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        messages().clear();
+        EXPECT_EQ(calls[i](), 3u) << i;
+        EXPECT_EQ(messages().error.size(), 1u) << i;
+    }
+    EXPECT_EQ(grid, std::vector<float>(16, 1.0f));
 }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/math.hpp"
+#include "device/messages.hpp"
 #include "core/random.hpp"
 #include "modules/flow/laplacian_level.hpp"
 
@@ -91,9 +92,11 @@ float batch_gain(unsigned short_count, unsigned long_count, unsigned particles, 
 
 }  // namespace plan
 
-Flow::Flow(queue& q, const Parameters& parameters, std::uint64_t no_mask, const float* h_heights, float* h_flow)
+Flow::Flow(queue& q, const Parameters& parameters, std::uint64_t no_mask, const float* h_heights, float* h_flow,
+           const halden_callbacks* callbacks)
     : m_queue(q),
       m_parameters(parameters),
+      m_callbacks(halden::complete(callbacks)),
       m_masked(no_mask != HALDEN_FLOW_NO_MASK),
       m_mask(h_flow),
       m_mask_or_map(h_flow),
@@ -256,8 +259,8 @@ void Flow::fill_pyramid() {
 
 bool Flow::report_progress() {
     m_queue.synchronize();
-    const bool stop = callbacks.progress && callbacks.progress(float(100.0 * m_done / m_total)) != 0;
-    return !stop && !(callbacks.cancel && callbacks.cancel() != 0);
+    const bool stop = m_callbacks.progress(float(100.0 * m_done / m_total)) != 0;
+    return !stop && m_callbacks.cancel() == 0;
 }
 
 bool Flow::process() {

@@ -57,9 +57,10 @@ class Flow {
 public:
     // `no_mask` == HALDEN_FLOW_NO_MASK: every cell emits; otherwise h_flow is
     // read as the seeding mask. h_flow receives the map when the object is
-    // destroyed (not after a device failure).
+    // destroyed (not after a device failure). Progress and cancel go through
+    // `callbacks`, the call's own record (null: none).
     Flow(halden::compute::queue& q, const Parameters& parameters, std::uint64_t no_mask, const float* h_heights,
-         float* h_flow);
+         float* h_flow, const halden_callbacks* callbacks = nullptr);
     ~Flow();
     Flow(const Flow&) = delete;
     Flow& operator=(const Flow&) = delete;
@@ -91,6 +92,7 @@ private:
 
     halden::compute::queue& m_queue;
     Parameters m_parameters;
+    halden_callbacks m_callbacks;
     bool m_masked;
     const float* m_mask;
     float* m_mask_or_map;

@@ -12,6 +12,7 @@
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "core/resampling.hpp"
+#include "device/messages.hpp"
 
 namespace lighting {
 
@@ -323,9 +324,11 @@ void raytrace_ao(queue& q, const float* heights, const vec4* normals, std::int32
     });
 }
 
-LightingSYCL::LightingSYCL(queue& q, const Parameters& parameters, const host_grids& grids)
+LightingSYCL::LightingSYCL(queue& q, const Parameters& parameters, const host_grids& grids,
+                           const halden_callbacks* callbacks)
     : m_queue(q),
       m_parameters(parameters),
+      m_callbacks(halden::complete(callbacks)),
       m_on(parameters),
       m_host(grids),
       m_has_albedo(grids.albedo_r && grids.albedo_g && grids.albedo_b),
@@ -506,7 +509,7 @@ bool LightingSYCL::run() {
     if (m_on.hybrid_ao) compute_hybrid_ao();
 
     m_queue.synchronize();
-    if (callbacks.cancel && callbacks.cancel() != 0) return false;
+    if (m_callbacks.cancel() != 0) return false;
     compose_light();
 
     // A failed device leaves the caller's arrays as they were.

@@ -78,7 +78,9 @@ public:
         float *diffuse, *shadow, *ao, *r, *g, *b;
         const float *albedo_r, *albedo_g, *albedo_b;
     };
-    LightingSYCL(halden::compute::queue& q, const Parameters& parameters, const host_grids& grids);
+    // Cancel is asked through `callbacks`, the call's own record (null: never).
+    LightingSYCL(halden::compute::queue& q, const Parameters& parameters, const host_grids& grids,
+                 const halden_callbacks* callbacks = nullptr);
     ~LightingSYCL();
     LightingSYCL(const LightingSYCL&) = delete;
     LightingSYCL& operator=(const LightingSYCL&) = delete;
@@ -97,6 +99,7 @@ private:
 
     halden::compute::queue& m_queue;
     Parameters m_parameters;
+    halden_callbacks m_callbacks;
     switches m_on;
     host_grids m_host;
     bool m_has_albedo;

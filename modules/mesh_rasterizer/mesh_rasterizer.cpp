@@ -8,6 +8,7 @@
 #include "core/bits.hpp"
 #include "core/math.hpp"
 #include "core/resampling.hpp"
+#include "device/messages.hpp"
 
 namespace mesh_rasterizer {
 
@@ -33,7 +34,8 @@ struct raster {
     const triangle* triangles;
     std::uint32_t vertex_count;
     float* heights;
-    float* ids;
+    // With triangle values: the winner of each cell, packed (see winner()).
+    std::uint64_t* winners;
     int width, height;
 
     HALDEN_HD bool corners(std::uint32_t t, vertex& a, vertex& b, vertex& c) const {
@@ -54,9 +56,10 @@ struct raster {
                c.x > -m && c.x < m && c.y > -m && c.y < m;
     }
     // Tests cell (x, y) against the triangle enlarged by 0.5 % about its
-    // centroid and keeps the greater height; true when this triangle won.
+    // centroid and keeps the greater height. With Values the height and the
+    // triangle are kept together as one packed winner.
     template <bool Values>
-    HALDEN_HD bool write(const vertex& a, const vertex& b, const vertex& c, std::uint32_t t, int x, int y) const {
+    HALDEN_HD void write(const vertex& a, const vertex& b, const vertex& c, std::uint32_t t, int x, int y) const {
         const float gx = ((a.x + b.x) + c.x) / 3.0f, gy = ((a.y + b.y) + c.y) / 3.0f;
         const float ax = gx + 1.005f * (a.x - gx), ay = gy + 1.005f * (a.y - gy);
         const float bx = gx + 1.005f * (b.x - gx), by = gy + 1.005f * (b.y - gy);
@@ -69,23 +72,35 @@ struct raster {
         const float b1 = (d11 * d20 - d01 * d21) / den, b2 = (d00 * d21 - d01 * d20) / den;
         const float b0 = 1.0f - b1 - b2;
         // A degenerate triangle gives non-finite weights and covers nothing.
-        if (!(b0 >= 0.0f && b1 >= 0.0f && b2 >= 0.0f)) return false;
+        if (!(b0 >= 0.0f && b1 >= 0.0f && b2 >= 0.0f)) return;
         const float z = b0 * a.z + b1 * b.z + b2 * c.z;
-        const int i = y * width + x;
+        // Nothing at or below the cleared value (and no NaN) is written.
+        if (!(z > lowest_height)) return;
+        const std::size_t i = std::size_t(y) * std::size_t(width) + std::size_t(x);
+        if (Values) {
+            halden::compute::atomic_max(&winners[i], winner(z, t));
+            return;
+        }
+        // Ordered keys also settle -0 against +0 the same way in every order.
         std::uint32_t* cell = reinterpret_cast<std::uint32_t*>(&heights[i]);
         std::uint32_t seen = halden::float_bits(heights[i]);
-        while (z > halden::bits_float(seen)) {
+        while (halden::ordered_key(z) > halden::ordered_key(halden::bits_float(seen))) {
             const std::uint32_t found = halden::compute::atomic_compare_exchange(cell, seen, halden::float_bits(z));
-            if (found == seen) {
-                // A plain store after the won swap: a racing winner may name itself instead.
-                if (Values) ids[i] = triangle_value(t);
-                return true;
-            }
+            if (found == seen) return;
             seen = found;
         }
-        return false;
+    }
+    // The height's ordered key above the complement of the triangle index: the
+    // 64-bit maximum is the highest triangle, and among triangles of equal
+    // height the first, as if they were drawn one after another in order.
+    HALDEN_HD static std::uint64_t winner(float z, std::uint32_t t) {
+        return (std::uint64_t(halden::ordered_key(z)) << 32) | std::uint64_t(~t);
     }
 };
+
+// The cleared winner: the key of lowest_height (-FLT_MAX, bits 0xFF7FFFFF)
+// with no triangle, below every winner that may be written.
+constexpr std::uint64_t no_winner = std::uint64_t(0x00800000u) << 32;
 
 }  // namespace
 
@@ -108,9 +123,11 @@ std::uint64_t memory_estimate(const Mesh& mesh, const Parameters& p) {
            (p.supersample ? 52u : 16u) * std::uint64_t(p.width) * std::uint64_t(p.height);
 }
 
-MeshRasterizer::MeshRasterizer(queue& q, const Mesh& mesh, const Parameters& parameters, bool with_ids)
+MeshRasterizer::MeshRasterizer(queue& q, const Mesh& mesh, const Parameters& parameters, bool with_ids,
+                               const halden_callbacks* callbacks)
     : m_queue(q),
       m_parameters(parameters),
+      m_callbacks(halden::complete(callbacks)),
       m_vertex_count(mesh.vertex_count),
       m_triangle_count(mesh.triangle_count),
       m_vertices(q, {std::size_t(mesh.vertex_count)}, "vertices"),
@@ -131,6 +148,9 @@ MeshRasterizer::MeshRasterizer(queue& q, const Mesh& mesh, const Parameters& par
     if (with_ids) {
         m_ids = grid(q, m_heights.extent(), "triangle ids");
         fill(m_ids, no_triangle);
+        m_winners = usm_ptr<std::uint64_t, 1>(q, {m_heights.extent().count()}, "cell winners");
+        std::uint64_t* w = m_winners.get();
+        q.parallel_for(range<1>{m_winners.size()}, HALDEN_KERNEL(std::size_t i) { w[i] = no_winner; });
     }
 }
 
@@ -158,28 +178,85 @@ void MeshRasterizer::process_vertices() {
     });
 }
 
+namespace {
+
+// The cells the fragment renderer walks for one triangle: `area` fragments
+// (the floor/ceiling box's cell count) laid row by row over a box of width bw
+// anchored by truncation at (x0, y0), so full rows and then one partial row.
+// Only the part inside the grid is kept: the same cells, without walking the
+// rest of a huge box.
+struct fragment_span {
+    int x0 = 0, x1 = -1;          // columns of the full rows, clipped
+    int y0 = 0, y1 = -1;          // the full rows, clipped
+    int tail_x0 = 0, tail_x1 = -1;  // columns of the partial row, clipped
+    int tail_y = 0;
+
+    HALDEN_HD fragment_span(const vertex& a, const vertex& b, const vertex& c, std::uint32_t area, int w, int h) {
+        const int ax = int(min_of(min_of(a.x, b.x), c.x)), ay = int(min_of(min_of(a.y, b.y), c.y));
+        const int bw = int(max_of(max_of(a.x, b.x), c.x)) - ax + 1;
+        const int rows = int(area / std::uint32_t(bw)), rest = int(area % std::uint32_t(bw));
+        x0 = ax < 0 ? 0 : ax;
+        x1 = ax + bw - 1 > w - 1 ? w - 1 : ax + bw - 1;
+        y0 = ay < 0 ? 0 : ay;
+        y1 = ay + rows - 1 > h - 1 ? h - 1 : ay + rows - 1;
+        tail_y = ay + rows;
+        if (rest > 0 && tail_y >= 0 && tail_y < h) {
+            tail_x0 = x0;
+            tail_x1 = ax + rest - 1 > w - 1 ? w - 1 : ax + rest - 1;
+        }
+    }
+    HALDEN_HD std::int64_t full_count() const {
+        return x1 < x0 || y1 < y0 ? 0 : std::int64_t(x1 - x0 + 1) * (y1 - y0 + 1);
+    }
+    HALDEN_HD std::int64_t count() const { return full_count() + (tail_x1 < tail_x0 ? 0 : tail_x1 - tail_x0 + 1); }
+    HALDEN_HD void cell(std::int64_t local, int& x, int& y) const {
+        const std::int64_t full = full_count();
+        if (local < full) {
+            const std::int64_t cols = x1 - x0 + 1;
+            x = x0 + int(local % cols);
+            y = y0 + int(local / cols);
+        } else {
+            x = tail_x0 + int(local - full);
+            y = tail_y;
+        }
+    }
+};
+
+// Fragments per launch: cancel is asked between launches.
+constexpr std::uint64_t fragment_batch = std::uint64_t(1) << 24;
+
+}  // namespace
+
 template <bool Heights, bool Values, bool Third, bool Ids>
 std::uint64_t MeshRasterizer::render(float max_size) {
     static_assert(Heights && Third && !Ids, "the fragment renderer writes heights (and values)");
+    if (Values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
     const std::size_t count = m_triangles.size();
     if (count == 0) return 0;
-    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_ids.get(),
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_winners.get(),
                    halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
     const float limit = std::trunc(max_size) * std::trunc(max_size);
 
-    // Pass 1: fragments per triangle, from a floor/ceiling box.
+    // Pass 1: the floor/ceiling box's area decides whether a triangle is
+    // drawn at all; its fragments are the cells of the walk inside the grid.
     usm_ptr<std::uint32_t, 1> counts(m_queue, {count}, "fragment counts");
+    usm_ptr<std::uint32_t, 1> areas(m_queue, {count}, "fragment areas");
     std::uint32_t* d_counts = counts.get();
+    std::uint32_t* d_areas = areas.get();
     m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
         vertex a, b, c;
-        std::uint32_t n = 0;
+        std::uint32_t n = 0, area_cells = 0;
         if (r.corners(std::uint32_t(i), a, b, c) && !raster::culled(a, b, c) && raster::within_limits(a, b, c)) {
             const float x0 = floorf(min_of(min_of(a.x, b.x), c.x)), x1 = ceilf(max_of(max_of(a.x, b.x), c.x));
             const float y0 = floorf(min_of(min_of(a.y, b.y), c.y)), y1 = ceilf(max_of(max_of(a.y, b.y), c.y));
             const float area = fabsf((x1 - x0 + 1.0f) * (y1 - y0 + 1.0f));
-            if (area < limit) n = std::uint32_t(area);
+            if (area < limit) {
+                area_cells = std::uint32_t(area);
+                n = std::uint32_t(fragment_span(a, b, c, area_cells, r.width, r.height).count());
+            }
         }
         d_counts[i] = n;
+        d_areas[i] = area_cells;
     });
 
     // Inclusive prefix in 32-bit arithmetic, entries sign-extended.
@@ -202,27 +279,37 @@ std::uint64_t MeshRasterizer::render(float max_size) {
     const std::int64_t* d_prefix = d_prefix_owner.get();
     const std::size_t triangles = count;
 
-    // Pass 2: one item per fragment, over a box anchored by truncation.
-    m_queue.parallel_for(range<1>{std::size_t(exact)}, HALDEN_KERNEL(std::size_t f) {
-        std::size_t lo = 0, hi = triangles;
-        while (lo < hi) {
-            const std::size_t mid = (lo + hi) / 2;
-            if (d_prefix[mid] > std::int64_t(f))
-                hi = mid;
-            else
-                lo = mid + 1;
+    // Pass 2: one item per fragment, in batches.
+    for (std::uint64_t first = 0; first < exact; first += fragment_batch) {
+        if (first > 0) {
+            m_queue.synchronize();
+            if (m_callbacks.cancel() != 0) {
+                m_cancelled = true;
+                return exact;
+            }
         }
-        const std::uint32_t t = std::uint32_t(lo);
-        const std::int64_t local = std::int64_t(f) - (t > 0 ? d_prefix[t - 1] : 0);
-        vertex a, b, c;
-        // Triangles with fragments passed the index check in pass 1.
-        if (!r.corners(t, a, b, c)) return;
-        const int x0 = int(min_of(min_of(a.x, b.x), c.x)), y0 = int(min_of(min_of(a.y, b.y), c.y));
-        const int bw = int(max_of(max_of(a.x, b.x), c.x)) - x0 + 1;
-        const int x = x0 + int(local % bw), y = y0 + int(local / bw);
-        if (x < 0 || x >= r.width || y < 0 || y >= r.height) return;
-        r.template write<Values>(a, b, c, t, x, y);
-    });
+        const std::uint64_t n = exact - first < fragment_batch ? exact - first : fragment_batch;
+        m_queue.parallel_for(range<1>{std::size_t(n)}, HALDEN_KERNEL(std::size_t k) {
+            const std::int64_t f = std::int64_t(first + k);
+            std::size_t lo = 0, hi = triangles;
+            while (lo < hi) {
+                const std::size_t mid = (lo + hi) / 2;
+                if (d_prefix[mid] > f)
+                    hi = mid;
+                else
+                    lo = mid + 1;
+            }
+            const std::uint32_t t = std::uint32_t(lo);
+            const std::int64_t local = f - (t > 0 ? d_prefix[t - 1] : 0);
+            vertex a, b, c;
+            // Triangles with fragments passed the index check in pass 1.
+            if (!r.corners(t, a, b, c)) return;
+            int x, y;
+            fragment_span(a, b, c, d_areas[t], r.width, r.height).cell(local, x, y);
+            r.template write<Values>(a, b, c, t, x, y);
+        });
+    }
+    if (Values) resolve_winners();
     return exact;
 }
 
@@ -249,9 +336,10 @@ HALDEN_HD bool clamped_box(const vertex& a, const vertex& b, const vertex& c, in
 
 template <bool Heights, bool Values, bool Third, bool Ids>
 void MeshRasterizer::render3(std::uint32_t* identifiers) {
+    if (Values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
     const std::size_t count = m_triangles.size();
     if (count == 0) return;
-    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_ids.get(),
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_winners.get(),
                    halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
     constexpr std::uint32_t group = 64;
     m_queue.parallel_for_work_group<float>(
@@ -270,14 +358,15 @@ void MeshRasterizer::render3(std::uint32_t* identifiers) {
                 else if (Heights)
                     r.template write<Values>(a, b, c, t, x, y);
             }
-        });
+        });    if (Values) resolve_winners();
 }
 
 template <bool Heights, bool Values, bool Third, bool Ids>
 void MeshRasterizer::render3_cpu(std::uint32_t* identifiers) {
+    if (Values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
     const std::size_t count = m_triangles.size();
     if (count == 0) return;
-    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_ids.get(),
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_winners.get(),
                    halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
     m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
         const std::uint32_t t = std::uint32_t(i);
@@ -292,7 +381,7 @@ void MeshRasterizer::render3_cpu(std::uint32_t* identifiers) {
                 else if (Heights)
                     r.template write<Values>(a, b, c, t, x, y);
             }
-    });
+    });    if (Values) resolve_winners();
 }
 
 template void MeshRasterizer::render3<true, false, true, false>(std::uint32_t*);
@@ -301,6 +390,18 @@ template void MeshRasterizer::render3<false, false, false, true>(std::uint32_t*)
 template void MeshRasterizer::render3_cpu<true, false, true, false>(std::uint32_t*);
 template void MeshRasterizer::render3_cpu<true, true, true, false>(std::uint32_t*);
 template void MeshRasterizer::render3_cpu<false, false, false, true>(std::uint32_t*);
+
+void MeshRasterizer::resolve_winners() {
+    const std::uint64_t* w = m_winners.get();
+    float* heights = m_heights.get();
+    float* ids = m_ids.get();
+    m_queue.parallel_for(range<1>{m_winners.size()}, HALDEN_KERNEL(std::size_t i) {
+        const std::uint64_t won = w[i];
+        if (won == no_winner) return;
+        heights[i] = halden::key_float(std::uint32_t(won >> 32));
+        ids[i] = triangle_value(~std::uint32_t(won));
+    });
+}
 
 void MeshRasterizer::reduce_supersampled(float* h_heights, float* h_ids, int width, int height) {
     grid heights(m_queue, halden::core::grid_extent(width, height), "reduced heights");

@@ -47,8 +47,10 @@ HALDEN_HD inline float triangle_value(std::uint32_t t) {
 class MeshRasterizer {
 public:
     // Copies the mesh to the device and clears the output grids (of the
-    // record's size, already doubled for supersampling).
-    MeshRasterizer(halden::compute::queue& q, const Mesh& mesh, const Parameters& parameters, bool with_ids);
+    // record's size, already doubled for supersampling). Cancel is asked
+    // through `callbacks`, the call's own record (null: never).
+    MeshRasterizer(halden::compute::queue& q, const Mesh& mesh, const Parameters& parameters, bool with_ids,
+                   const halden_callbacks* callbacks = nullptr);
     ~MeshRasterizer();
     MeshRasterizer(const MeshRasterizer&) = delete;
     MeshRasterizer& operator=(const MeshRasterizer&) = delete;
@@ -59,14 +61,20 @@ public:
     // Fragment-parallel rendering: a count per triangle, a prefix sum on the
     // host, then one work item per fragment. Heights: write with the depth
     // rule; Values: write the winning triangle's value (with Heights);
-    // Ids: not used by this renderer. Returns the fragment count.
+    // Ids: not used by this renderer. Only the part of a triangle's box that
+    // lies in the grid becomes fragments, so a huge triangle over a small
+    // grid costs what the grid costs. Fragments run in batches, and cancel
+    // is asked between them. Returns the fragment count.
     template <bool Heights, bool Values, bool Third, bool Ids>
     std::uint64_t render(float max_size);
+    // True once a render stopped because the caller cancelled.
+    bool cancelled() const { return m_cancelled; }
 
     // One work-group per triangle striding over its clamped box (devices),
     // or one item per triangle (render3_cpu, for the host back-end). Same
-    // coverage and depth as render. With Ids, stores the triangle index plus
-    // one as an identifier without a depth test into `identifiers`.
+    // coverage and depth as render. With Ids, stores the triangle index as
+    // an identifier without a depth test into `identifiers`.
+    // Triangle values name the same winner as render does.
     template <bool Heights, bool Values, bool Third, bool Ids>
     void render3(std::uint32_t* identifiers = nullptr);
     template <bool Heights, bool Values, bool Third, bool Ids>
@@ -82,12 +90,18 @@ public:
     const grid& ids() const { return m_ids; }
 
 private:
+    // Heights and values from the packed winners of a render with values.
+    void resolve_winners();
+
     halden::compute::queue& m_queue;
     Parameters m_parameters;
+    halden_callbacks m_callbacks;
+    bool m_cancelled = false;
     std::uint32_t m_vertex_count, m_triangle_count;
     halden::compute::usm_ptr<vertex, 1> m_vertices;
     halden::compute::usm_ptr<triangle, 1> m_triangles;
     grid m_heights, m_ids;
+    halden::compute::usm_ptr<std::uint64_t, 1> m_winners;
 };
 
 }  // namespace mesh_rasterizer

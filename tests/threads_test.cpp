@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+// Two application threads, each with its own queue: one cancels every call
+// (or fails it with an injected device fault), the other never does. The
+// other's statuses, results and callbacks must not notice, bit for bit.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/frame.hpp"
+#include "support.hpp"
+
+using halden::test::expect_same_bits;
+
+namespace {
+
+// What one thread's calls reported. The library calls back on the calling
+// thread, so each thread keeps its own.
+struct heard {
+    std::vector<float> progress;
+    std::vector<std::string> errors, infos;
+    std::uint64_t reserved = 0, released = 0;
+};
+thread_local heard t_heard;
+thread_local bool t_cancel = false;
+
+halden_callbacks thread_table() {
+    halden_callbacks t{};
+    t.progress = [](float p) -> std::int32_t { return t_heard.progress.push_back(p), t_cancel ? 1 : 0; };
+    t.info = [](const char* s) { t_heard.infos.emplace_back(s); };
+    t.error = [](const char* s) { t_heard.errors.emplace_back(s); };
+    t.reserve = [](std::uint64_t n) { t_heard.reserved += n; };
+    t.release = [](std::uint64_t n) { t_heard.released += n; };
+    t.cancel = []() -> std::int32_t { return t_cancel ? 1 : 0; };
+    return t;
+}
+
+constexpr int n = 48;
+
+std::vector<float> hills() {
+    std::vector<float> h(n * n);
+    for (int i = 0; i < n * n; ++i) h[i] = float((i % n) * (i / n) % 17) + 0.25f * float(i % 7);
+    return h;
+}
+
+struct results {
+    std::vector<float> flow = std::vector<float>(n * n), light = flow, mesh = flow, ids = flow;
+    std::uint32_t status[3] = {9, 9, 9};
+};
+
+// Flow, shading and a mesh of the terrain on one queue.
+results run_all(halden_queue* q, const halden_callbacks& cb) {
+    const std::vector<float> h = hills();
+    results r;
+    const halden_flow_parameters f{n, n, 0.5f, 1.0f, 3};
+    r.status[0] = FlowSimulation(q, HALDEN_FLOW_NO_MASK, h.data(), r.flow.data(), &f, &cb);
+    halden_lighting_parameters l{};
+    l.width = l.height = n, l.terrain_size = float(n), l.height_scale = 1.0f;
+    l.sun_direction[0] = l.sun_direction[1] = l.sun_direction[2] = 0.57735027f;
+    l.shadow_samples = 1, l.sun_size = 0.53f, l.ao_directions = l.hybrid_ao_directions = 8;
+    l.light_scale = l.sun_strength = l.exposure = 1.0f, l.sky_strength = 0.4f;
+    l.sun_enabled = l.sky_enabled = l.shadows_enabled = l.ao_enabled = 1;
+    r.status[1] = Shade(q, h.data(), nullptr, nullptr, nullptr, r.light.data(), r.light.data(), r.light.data(),
+                        nullptr, nullptr, nullptr, &l, &cb);
+    std::vector<float> vertices;
+    std::vector<std::uint32_t> triangles;
+    for (std::uint32_t i = 0; i < n * n; ++i) vertices.insert(vertices.end(), {i % n + 0.5f, i / n + 0.5f, h[i]});
+    for (std::uint32_t a = 0; a + n + 1 < n * n; ++a)
+        if ((a + 1) % n != 0) triangles.insert(triangles.end(), {a, a + n, a + 1, a + 1, a + n, a + n + 1});
+    const halden_mesh mesh{vertices.data(), n * n, 0, triangles.data(), std::uint32_t(triangles.size() / 3), 0};
+    halden_mesh_rasterizer_parameters m{};
+    m.width = m.height = n, m.scale = m.depth_divisor = 1.0f;
+    r.status[2] = MeshRasterizer_RenderMesh(q, &mesh, r.mesh.data(), r.ids.data(), &m, &cb);
+    return r;
+}
+
+TEST(Threads, OneQueueCancellingOrFailingNeverReachesAnother) {
+    const halden_callbacks cb = thread_table();
+    halden_queue* calm = CreateSyclQueue("cpu", nullptr);
+    halden_queue* restless = CreateSyclQueue("cpu", nullptr);
+    ASSERT_TRUE(calm && restless);
+    const results want = run_all(calm, cb);
+    const heard want_heard = t_heard;
+    ASSERT_EQ(want.status[0] + want.status[1] + want.status[2], 0u);
+    ASSERT_FALSE(want_heard.progress.empty());
+
+    constexpr int rounds = 25;
+    std::vector<std::string> failures[2];  // one list per thread, checked here
+    std::thread a([&] {
+        t_cancel = true;
+        for (int round = 0; round < rounds; ++round) {
+            const results r = run_all(restless, cb);
+            for (std::uint32_t s : r.status)
+                if (s != 3u) failures[0].push_back("a cancelled call returned " + std::to_string(s));
+            // A device fault on this queue only.
+            halden::api::frame f("InjectedFault", nullptr, &cb, 1);
+            static halden_callbacks module_copy;
+            f.module_callbacks = &module_copy;
+            if (halden::api::run(*restless, f, [&] { return restless->queue.report_async_error("fault"), 0u; }) != 3u)
+                failures[0].push_back("an injected fault was not reported");
+        }
+    });
+    std::thread b([&] {
+        for (int round = 0; round < rounds; ++round) {
+            t_heard = heard{};
+            const results r = run_all(calm, cb);
+            if (r.status[0] + r.status[1] + r.status[2] != 0u) failures[1].push_back("a calm call failed");
+            if (r.flow != want.flow || r.light != want.light || r.mesh != want.mesh || r.ids != want.ids)
+                failures[1].push_back("a calm call's results changed");
+            if (t_heard.progress != want_heard.progress || !t_heard.errors.empty() ||
+                t_heard.reserved != want_heard.reserved || t_heard.released != want_heard.released)
+                failures[1].push_back("a calm call heard another thread's callbacks");
+        }
+    });
+    a.join();
+    b.join();
+    for (const std::vector<std::string>& f : failures)
+        EXPECT_TRUE(f.empty()) << f.size() << " failures, the first: " << f.front();
+    DestroySyclQueue(calm);
+    DestroySyclQueue(restless);
+}
+
+}  // namespace
