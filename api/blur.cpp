@@ -20,8 +20,10 @@ extern "C" HALDEN_API uint32_t Blur(halden_queue* queue, float* grid, int32_t si
                            .c_str());
         return HALDEN_STATUS_DEVICE_ERROR;
     }
-    if (!(radius > 0.0f) || !std::isfinite(radius)) {
-        api::reject(f, "radius must be positive and finite; the grid is left unchanged");
+    if (!(radius > 0.0f && radius <= blur::max_radius)) {
+        api::reject(f, ("radius must lie in (0, 16777216] (got " + std::to_string(radius) +
+                        "); the grid is left unchanged")
+                           .c_str());
         return HALDEN_STATUS_DEVICE_ERROR;
     }
     f.need_bytes = 12u * std::uint64_t(size) * std::uint64_t(size);
@@ -30,7 +32,7 @@ extern "C" HALDEN_API uint32_t Blur(halden_queue* queue, float* grid, int32_t si
         const compute::range<2> extent{std::size_t(size), std::size_t(size)};
         compute::usm_ptr<float, 2> a(q, extent, "blur source"), b(q, extent, "blur scratch"), c(q, extent, "blur result");
         a.copy_from_host(grid);
-        blur::blur(q, a.get(), b.get(), c.get(), size, radius);
+        blur::box_blur(q, a.get(), b.get(), c.get(), size, radius);
         q.synchronize();
         if (!q.has_pending_errors()) {
             c.copy_to_host(grid);

@@ -70,6 +70,53 @@ TEST_P(BlurExport, BlursInPlaceAndRejectsBadInput) {
     EXPECT_EQ(halden::test::messages().error.size(), 5u);
 }
 
+// Four passes of the documented weights in double: rows, then columns, twice.
+std::vector<float> documented_blur(const std::vector<float>& g, int n, double radius) {
+    const int r = int(radius);
+    const double f = radius - r;
+    std::vector<double> a(g.begin(), g.end()), b(a.size());
+    for (int pass = 0; pass < 4; ++pass) {
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j) {
+                const auto at = [&](long long k) { return a[std::size_t(i) * n + std::clamp<long long>(k, 0, n - 1)]; };
+                // Cells past the ends counted at once: any radius is cheap.
+                double sum = f * (at(j - r - 1) + at(j + r + 1)) + std::max(0, r - j) * at(0) +
+                             std::max(0, j + r - (n - 1)) * at(n - 1);
+                for (long long k = std::max(0, j - r); k <= std::min(n - 1, j + r); ++k) sum += at(k);
+                b[std::size_t(j) * n + i] = sum / (2.0 * radius + 1.0);  // transposed
+            }
+        std::swap(a, b);
+    }
+    return {a.begin(), a.end()};
+}
+
+TEST_P(BlurExport, ComputesTheDocumentedWeightsForAnyRadius) {
+    // The row 0 90 0 0 at radius 1: 30 30 30 0 after one pass, 30 30 20 10 after two.
+    std::vector<float> rows;
+    for (int i = 0; i < 4; ++i) rows.insert(rows.end(), {0, 90, 0, 0});
+    ASSERT_EQ(Blur(queue, rows.data(), 4, 1.0f, nullptr), 0u);
+    for (int i = 0; i < 16; ++i) EXPECT_NEAR(rows[i], (std::vector<float>{30, 30, 20, 10})[i % 4], 1e-4) << i;
+    // Radii within, at and far past the row: always inside the input's range,
+    // and a radius of 2^24 costs what a small one does.
+    const int n = 50;
+    const std::vector<float> in = halden::test::random_cells(n, n, 21);
+    for (float radius : {0.4f, 2.5f, 7.3f, 49.0f, 50.0f, 75.5f, 1000.25f, 16777216.0f}) {
+        std::vector<float> g = in;
+        ASSERT_EQ(Blur(queue, g.data(), n, radius, nullptr), 0u) << radius;
+        const std::vector<float> want = documented_blur(in, n, radius);
+        for (int i = 0; i < n * n; ++i) {
+            ASSERT_GE(g[i], -100.0f) << radius << " " << i;
+            ASSERT_LE(g[i], 100.0f) << radius << " " << i;
+            // Float sums over huge radii lose digits to the edge cells' weight.
+            ASSERT_NEAR(g[i], want[i], radius < 2000.0f ? 1e-3 : 0.05) << radius << " " << i;
+        }
+    }
+    // Radii whose integer part overflowed an int are refused, not run.
+    std::vector<float> g = in;
+    EXPECT_EQ(Blur(queue, g.data(), n, 3e9f, &halden::test::capturing_callbacks()), 3u);
+    EXPECT_EQ(g, in);
+}
+
 HALDEN_INSTANTIATE_ON_DEVICES(BlurExport);
 
 TEST(BlurDevices, CpuAndCudaAgree) {

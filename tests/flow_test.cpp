@@ -152,15 +152,17 @@ TEST_P(FlowExport, BadInputAndCancelReturnThree) {
     // Calls without a record report through the process-wide table.
     EXPECT_EQ(messages().error.size(), 6u);
     EXPECT_EQ(map, std::vector<float>(400, 0.25f));
-    // A cancel keeps the batches already run: none through the cancel slot,
-    // which is asked before the first batch, two through progress.
+    // A cancel keeps the batches already run. The pits are filled pass by
+    // pass under 50 %, and a cancel there stops at once with no particle run.
     halden_callbacks cb = capturing_callbacks();
     cb.cancel = []() -> std::int32_t { return 1; };
-    map.assign(400, 0.0f);
+    map.assign(400, 0.5f);
     EXPECT_EQ(run(terrain, map, p, HALDEN_FLOW_NO_MASK, &cb), 3u);
     EXPECT_EQ(map, std::vector<float>(400, 0.0f));
+    EXPECT_EQ(messages().progress.size(), 1u);
+    EXPECT_LT(messages().progress[0], 50.0f);
     cb.cancel = nullptr;
-    cb.progress = [](float) -> std::int32_t { return ++g_calls > 2; };
+    cb.progress = [](float percent) -> std::int32_t { return percent > 50.0f && ++g_calls > 2; };
     g_calls = 0;
     EXPECT_EQ(run(terrain, map, p, HALDEN_FLOW_NO_MASK, &cb), 3u);
     EXPECT_EQ(g_calls, 3);

@@ -89,10 +89,21 @@ HALDEN_STATIC_ASSERT(offsetof(halden_device_record, flag2) == 49, "flag2 at 49")
 /* Callback table (64 bytes, eight slots).                                    */
 /*
  * Given to CreateSyclQueue (copied into one process-wide table: the last
- * call wins) and, as the last argument, to operation exports (copied into
- * the operation's own table on every call). A null table or a null slot
- * means the do-nothing default. Message texts are valid only during the
- * call.
+ * call wins) and, as the last argument, to operation exports (copied for the
+ * call on every call). A null slot means the do-nothing default. An
+ * operation called with a null table sends its information and error texts
+ * to the process-wide table and calls nothing else. Message texts are valid
+ * only during the call.
+ *
+ * Threads: an operation calls back only on the thread that called it, and
+ * only through its own record (or, without one, the process-wide table's
+ * text slots), never through another call's. Operations may run at the same
+ * time on different queues from different threads: progress, cancel,
+ * reserve, release, error texts and device errors stay with their own call
+ * and queue. One queue must be used by one thread at a time, and must not be
+ * destroyed while a call on it runs. GetDevices, GetDeviceInfo,
+ * CreateSyclQueue and DestroySyclQueue may be called from any thread; they
+ * report through the process-wide table, which CreateSyclQueue replaces.
  *
  * slot 0 debug     debug text
  * slot 1 progress  progress in percent; a nonzero return asks to cancel
@@ -225,6 +236,11 @@ HALDEN_STATIC_ASSERT(offsetof(halden_median_filter_parameters, iterations) == 8,
  * a rounded disc of the given radius (edge cells replicated), times
  * 0.333333f. Removes spikes and pits, keeps edges.
  *
+ * Values must not exceed 1e8: each cell's values are sorted in a network of
+ * 256 slots whose unused slots hold 1e8, so larger values (and +Inf) sort
+ * behind the padding and come out as about 1e8, with no error. Scale such
+ * grids down first. NaN cells give unspecified results around them.
+ *
  * Always returns 0. Errors (null arguments, a bad radius, a device failure)
  * are reported through the error slot of the process-wide table, and the grid
  * is then left as it was.
@@ -291,6 +307,9 @@ HALDEN_STATIC_ASSERT(offsetof(halden_thermal_shaper_parameters, amount) == 24, "
  * Returns 0 when done; 2 when the device lacks the memory (nothing is run);
  * 3 when the queue, the heights or the record is null, the record is invalid
  * (the heights are then left as they were), or a device error was reported.
+ * A record is invalid when a field is out of range, when the pyramid would
+ * need more than 64 levels, or when a level's slope scale, level width x
+ * height_scale / extent, or its inverse is not finite and non-zero.
  * Errors are described through the error slot of `callbacks` (the
  * process-wide table when `callbacks` is null); slots 5 and 6 receive the
  * announced byte count.
@@ -449,7 +468,8 @@ HALDEN_STATIC_ASSERT(offsetof(halden_lighting_parameters, ao_from_caller) == 116
  *
  * Returns 0 when done; 2 when the device lacks the memory; 3 for a null
  * queue, heights or record, an invalid record (including a non-square grid
- * with shadows or sky visibility on), a cancel (slot 7, asked before the
+ * with shadows or sky visibility on, and light factors, colours and exposure
+ * whose colour would overflow a float), a cancel (slot 7, asked before the
  * colour is composed; nothing is written then) or a device error.
  */
 HALDEN_API uint32_t Shade(halden_queue* queue, const float* heights, float* diffuse, float* shadow, float* ao,
@@ -540,14 +560,17 @@ HALDEN_API uint32_t MeshRasterizer_RenderMesh(halden_queue* queue, const halden_
 /*
  * Blurs the size x size row-major grid in place with an almost-Gaussian
  * filter: two running-sum box passes along the rows and two along the
- * columns, each with full weight on the 2 trunc(radius) + 1 cells around a
- * cell and weight radius - trunc(radius) on the next one either side, edge
- * cells replicated. radius 12 is a 25-wide box per pass; larger radii blur
- * more, at the same cost. Needs 12 bytes per cell of device memory.
+ * columns. Each output of a pass is (f s[j-r-1] + s[j-r] + ... + s[j+r] +
+ * f s[j+r+1]) / (2 radius + 1) with r = trunc(radius), f = radius - r,
+ * edge cells replicated: the weights sum to one, so a constant grid stays
+ * constant and outputs stay within the input's range (up to rounding).
+ * radius 12 is a 25-wide box per pass; larger radii blur more, at the same
+ * cost. Needs 12 bytes per cell of device memory.
  *
  * Returns 0 when done; 2 when the device lacks the memory; 3 for a null
- * queue or grid, a size outside [1, 46340], a radius that is not finite and
- * positive, or a device error; the grid is then left as it was.
+ * queue or grid, a size outside [1, 46340], a radius outside (0, 16777216]
+ * (past that a float radius has no fraction and only the edge cells count),
+ * or a device error; the grid is then left as it was.
  */
 HALDEN_API uint32_t Blur(halden_queue* queue, float* grid, int32_t size, float radius,
                          const halden_callbacks* callbacks) HALDEN_NOEXCEPT;

@@ -10,11 +10,24 @@ halden_callbacks callbacks{};
 
 namespace detail {
 
-template <bool Rows, bool SameLayout>
-void fastblur_half_pass(queue& q, const float* src, float* dst, int n, float radius) {
-    static_assert(Rows, "passes always read rows");
-    const int r = int(radius);
-    const float frac = radius - float(r), keep = 1.0f - frac, scale = 1.0f / (2.0f * radius + 1.0f);
+namespace {
+
+// One running-sum box pass over every row. The full-weight part of the
+// initial sum runs over s[start] .. s[start + r - 1]: start 1 is the dune
+// blur's pass, which counts s[r] where s[0] belongs (a bias of
+// (s[r] - s[0]) / (2 radius + 1) on each output of the row); start 0 gives
+// the documented weights exactly.
+template <bool SameLayout>
+void running_pass(queue& q, const float* src, float* dst, int n, float radius, int start) {
+    // Floats from 2^24 up are whole numbers (and too large for an int).
+    const float whole = radius < 16777216.0f ? float(int(radius)) : radius;
+    const float frac = radius - whole, keep = 1.0f - frac, scale = 1.0f / (2.0f * radius + 1.0f);
+    // Every index past either end of a row reads the edge cell, so indices
+    // and loops take the radius clamped to n, and the cost is the row's
+    // whatever the radius. Copies of the last cell past that come in once,
+    // multiplied: `beyond` of them.
+    const int r = whole < float(n) ? int(whole) : n;
+    const float beyond = whole - float(r);
     q.parallel_for(range<1>{std::size_t(n)}, HALDEN_KERNEL(std::size_t row) {
         const float* s = src + row * std::size_t(n);
         const auto at = [&](int k) { return s[k < 0 ? 0 : (k > n - 1 ? n - 1 : k)]; };
@@ -25,10 +38,9 @@ void fastblur_half_pass(queue& q, const float* src, float* dst, int n, float rad
                 dst[std::size_t(j) * std::size_t(n) + row] = v;
         };
         const float first = s[0], last = s[n - 1];
-        // The full-weight sum starts at s[1]: s[0] counts through the
-        // radius-weighted first term only, and s[r] enters once more at frac.
         float inner = 0.0f;
-        for (int k = 1; k <= r; ++k) inner = k == 1 ? at(1) : inner + at(k);
+        for (int k = start; k < start + r; ++k) inner = k == start ? at(k) : inner + at(k);
+        if (beyond > 0.0f) inner = inner + beyond * last;
         float sum = radius * first + first + inner + frac * at(r);
 
         float e = at(r);  // the right element of partial weight
@@ -52,6 +64,14 @@ void fastblur_half_pass(queue& q, const float* src, float* dst, int n, float rad
             e = last;
         }
     });
+}
+
+}  // namespace
+
+template <bool Rows, bool SameLayout>
+void fastblur_half_pass(queue& q, const float* src, float* dst, int n, float radius) {
+    static_assert(Rows, "passes always read rows");
+    running_pass<SameLayout>(q, src, dst, n, radius, 1);
 }
 
 template void fastblur_half_pass<true, true>(queue&, const float*, float*, int, float);
@@ -82,6 +102,13 @@ void blur(queue& q, const float* source, float* scratch_b, float* result, int n,
     detail::fastblur_half_pass<true, false>(q, scratch_b, result, n, radius);
     detail::fastblur_half_pass<true, true>(q, result, scratch_b, n, radius);
     detail::fastblur_half_pass<true, false>(q, scratch_b, result, n, radius);
+}
+
+void box_blur(queue& q, const float* source, float* scratch_b, float* result, int n, float radius) {
+    detail::running_pass<true>(q, source, scratch_b, n, radius, 0);
+    detail::running_pass<false>(q, scratch_b, result, n, radius, 0);
+    detail::running_pass<true>(q, result, scratch_b, n, radius, 0);
+    detail::running_pass<false>(q, scratch_b, result, n, radius, 0);
 }
 
 }  // namespace blur

@@ -15,6 +15,9 @@ extern halden_callbacks callbacks;
 
 // 46340^2 is the largest square below 2^31 cells.
 inline constexpr int max_size = 46340;
+// Past 2^24 a float radius has no fraction left, and the edge cells' weight
+// overwhelms everything else in float long before: larger radii are refused.
+inline constexpr float max_radius = 16777216.0f;
 
 namespace detail {
 
@@ -31,7 +34,16 @@ void blur_half_pass(halden::compute::queue& q, const float* src, float* dst, int
 }  // namespace detail
 
 // The four passes: rows twice and columns twice, through `scratch_b` and
-// `result` (both n x n); `result` ends in the source's orientation.
+// `result` (both n x n); `result` ends in the source's orientation. Each
+// pass starts its running sum as the dune simulation expects (see
+// fastblur_half_pass), which biases rows whose first cells differ.
 void blur(halden::compute::queue& q, const float* source, float* scratch_b, float* result, int n, float radius);
+
+// The same four passes with the documented weights exactly: each output of
+// a pass is the mean of the 2 trunc(radius) + 1 cells around it plus
+// radius - trunc(radius) of the next cell either side, over 2 radius + 1,
+// edge cells replicated. What the Blur export runs. Any radius costs the
+// same: the running sums never look past the row.
+void box_blur(halden::compute::queue& q, const float* source, float* scratch_b, float* result, int n, float radius);
 
 }  // namespace blur

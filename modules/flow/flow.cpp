@@ -240,21 +240,31 @@ void Flow::flow(const usm_ptr<vec2, 1>& particles, unsigned offset, unsigned cou
     });
 }
 
-void Flow::fill_pyramid() {
+bool Flow::fill_pyramid() {
     const int levels = plan::levels(m_parameters.width);
     LaplacianLevel finest(m_queue, std::move(m_working), levels - 1);
     std::vector<LaplacianLevel*> chain{&finest};
     for (int i = 1; i < levels; ++i) chain.push_back(&chain.back()->create_subsequent_level(m_parameters));
+    // Filling takes the progress to fill_share, pass by pass in proportion to
+    // the cells filled, so that a cancel lands within one pass.
+    double cells = 0;
+    for (const LaplacianLevel* level : chain) cells += double(level->heights().size());
     for (std::size_t i = chain.size(); i-- > 0;) {
         LaplacianLevel& level = *chain[i];
         grid scratch(m_queue, level.heights().extent(), "pit filling scratch");
-        for (int pass = 0; pass < fill_passes; ++pass) fill_pits(level.heights(), scratch, level.marks());
+        const double share = fill_share * double(level.heights().size()) / (cells * fill_passes);
+        for (int pass = 0; pass < fill_passes; ++pass) {
+            fill_pits(level.heights(), scratch, level.marks());
+            m_done += share;
+            if (!report_progress()) return false;
+        }
         if (i > 0) {
             chain[i - 1]->reconstruct(m_parameters);
             chain[i - 1]->release_coarser();
         }
     }
     m_working = std::move(finest.heights());
+    return true;
 }
 
 bool Flow::report_progress() {
@@ -273,13 +283,15 @@ bool Flow::process() {
     m_queue.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
         d_working[row * cols + col] = d_input[row * cols + col];
     });
-    fill_pyramid();
-
-    // Filling and seeding count as the first half of the progress.
-    m_total += 64.0;
+    // Filling and seeding count as the first half of the progress, the
+    // batches as the second.
+    m_total = 64.0;
+    m_done = 0.0;
+    bool go_on = fill_pyramid();
     m_done = 32.0;
     m_next = m_done + m_total * m_step;
-    std::vector<vec2> starts = plan::seed_particles(p, m_masked ? m_mask : nullptr);
+    std::vector<vec2> starts;
+    if (go_on) starts = plan::seed_particles(p, m_masked ? m_mask : nullptr);
     float* d_visits = m_visits.get();
     float* d_a = m_intensity.get();
     float* d_b = m_result.get();
@@ -289,7 +301,7 @@ bool Flow::process() {
         d_a[i] = 0.0f;
         d_b[i] = 0.0f;
     });
-    bool go_on = report_progress();
+    if (go_on) go_on = report_progress();
 
     if (go_on && !starts.empty()) {
         const unsigned n_particles = unsigned(starts.size());

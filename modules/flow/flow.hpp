@@ -31,6 +31,8 @@ inline constexpr unsigned short_steps = 16;
 // At most this many particles (a 32nd per batch) run the long step limit.
 inline constexpr unsigned long_particles = 262144;
 inline constexpr int batches = 32;
+// Progress (of 64) reached when the pits are filled.
+inline constexpr double fill_share = 30.0;
 
 // Why a record cannot be run, or empty when it can.
 std::string check(const Parameters& p);
@@ -87,7 +89,8 @@ public:
     const grid& working_heights() const { return m_working; }
 
 private:
-    void fill_pyramid();
+    // False when the caller cancelled during the filling.
+    bool fill_pyramid();
     bool report_progress();
 
     halden::compute::queue& m_queue;

@@ -56,6 +56,16 @@ std::string check(const Parameters& p) {
     const int sky = on.hybrid_ao ? p.hybrid_ao_directions : p.ao_directions;
     if ((on.traced_ao || on.hybrid_ao) && (sky < 1 || sky > max_sky_directions))
         return "the number of sky directions must lie in [1, " + std::to_string(max_sky_directions) + "]";
+    // The colour is (sun x diffuse x shadow + sky x visibility) x exposure,
+    // with diffuse and shadow at most 1 and visibility at most 4: factors that
+    // overflow there give infinities and NaN, not a picture.
+    for (int c = 0; c < 3; ++c) {
+        const float sun = p.sun_color[c] * (p.light_scale * p.sun_strength);
+        const float sky_light = p.sky_color[c] * (p.light_scale * p.sky_strength);
+        const float top = (std::fabs(sun) + 4.0f * std::fabs(sky_light)) * std::fabs(p.exposure);
+        if (!std::isfinite(top))
+            return "light_scale, the sun and sky strengths and colours, and exposure must keep the colour finite";
+    }
     return {};
 }
 

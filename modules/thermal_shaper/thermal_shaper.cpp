@@ -35,6 +35,19 @@ std::string check(const Parameters& p) {
     if (!(n <= float(max_levels)))
         return "the pyramid would need more than " + std::to_string(max_levels) +
                " levels; raise height_scale or lower level_factor";
+    // Each level scales its slopes by level width * height_scale / extent and
+    // its steps by the inverse: both must stay finite and non-zero on every
+    // level (the finest and the coarsest bound them), or the result is NaN.
+    int coarsest = p.width;
+    for (int i = 1; i < plan::levels(n); ++i) coarsest -= coarsest / 2;
+    for (int wl : {p.width, coarsest}) {
+        const float g = float(wl) * p.height_scale / p.extent, e = p.extent / (float(wl) * p.height_scale);
+        const float gk = g * halden::exp2_p(float(max_levels) * 0.5849625f);
+        if (!positive_finite(g) || !positive_finite(e) || !std::isfinite(gk))
+            return "height_scale / extent is too extreme: width * height_scale / extent must stay finite and "
+                   "non-zero on every level (got " +
+                   std::to_string(p.height_scale) + " / " + std::to_string(p.extent) + ")";
+    }
     return {};
 }
 
