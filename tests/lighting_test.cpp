@@ -174,9 +174,10 @@ TEST_P(ShadeExport, BadInputAndCancelWriteNothing) {
     p.shadows_enabled = 0;
     EXPECT_EQ(shade(heights, o, p), 3u);
     EXPECT_EQ(halden::test::messages().error.size(), 2u);
-    lighting::Parameters bad[4] = {record(16, 16), record(16, 16), record(16, 16), record(16, 16)};
+    lighting::Parameters bad[5] = {record(16, 16), record(16, 16), record(16, 16), record(16, 16), record(16, 16)};
     bad[0].terrain_size = std::nanf(""), bad[1].ao_directions = 0, bad[2].width = 0, bad[3].ao_from_caller = 1;
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(shade(heights, o, bad[i]), 3u) << i;
+    bad[4].sun_strength = 3.4028235e38f, bad[4].light_scale = 2.0f;  // finite fields whose product overflows
+    for (int i : {0, 1, 2, 4}) EXPECT_EQ(shade(heights, o, bad[i]), 3u) << i;
     EXPECT_EQ(red_only(queue, heights.data(), &bad[3]), 3u);  // the caller's ao without an ao grid
     EXPECT_EQ(red_only(queue, nullptr, &p), 3u);
     EXPECT_EQ(red_only(nullptr, heights.data(), &p), 3u);

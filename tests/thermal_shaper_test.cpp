@@ -149,13 +149,15 @@ TEST_P(ThermalShaperExport, BadInputIsRejectedAndTheHeightsKept) {
     EXPECT_EQ(ThermalShaper_Process(queue, nullptr, nullptr, &p, nullptr), 3u);
     EXPECT_EQ(ThermalShaper_Process(queue, h.data(), nullptr, nullptr, nullptr), 3u);
     messages().clear();
-    thermal_shaper::Parameters bad[4] = {p, p, p, p};
+    thermal_shaper::Parameters bad[5] = {p, p, p, p, p};
     bad[0].extent = -1.0f;
     bad[1].width = 0;
     bad[2].amount = std::numeric_limits<float>::quiet_NaN();
     bad[3].height_scale = 1e-30f;  // far too many levels
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(shape(h, bad[i]), 3u) << i;
-    ASSERT_EQ(messages().error.size(), 4u);
+    // Few levels, but slopes scaled by 16e-60, which is 0 in float.
+    bad[4].height_scale = 1e-30f, bad[4].extent = 1e30f, bad[4].level_factor = 1e-31f;
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(shape(h, bad[i]), 3u) << i;
+    ASSERT_EQ(messages().error.size(), 5u);
     EXPECT_NE(messages().error[0].find("ThermalShaper_Process: extent"), std::string::npos) << messages().error[0];
     EXPECT_TRUE(messages().reserved.empty());
     expect_same_bits(h, in);
