@@ -50,6 +50,12 @@ py() {
     shift 2
     if [ -n "$have_python" ]; then check "$what" python3 -c "$script" "$@"; else echo "skip: $what (no python3)"; fi
 }
+# npy HEADER DATA FILE: a version 1.0 .npy file with the header dict HEADER and
+# the escaped bytes DATA.
+npy() {
+    local length=$((${#1} + 1))
+    printf "\\x93NUMPY\\x01\\x00\\x$(printf %02x "$length")\\x00%s\\n$2" "$1" >"$3"
+}
 cat >grid_load.py <<'EOF'
 import array
 def load(path):
@@ -96,6 +102,12 @@ check "median --json fields" grep -q '^{"operation": "median", "device": ".*", "
 expect 2 "median of a non-square raw grid" "$halden" median terrain.raw out.raw --size 128
 check "median wrote nothing on failure" test ! -e out.raw
 expect 1 "median --radius 9" "$halden" median demo/terrain.npy out.npy --radius 9
+# The filter pads its windows with 1e8 and cannot return larger heights: the tool warns.
+printf '\x00\x00\x80\x3f%.0s' 1 2 3 >huge.raw
+printf '\x00\x00\x80\x7f' >>huge.raw  # +Inf
+expect 0 "median of a grid with +Inf" "$halden" median huge.raw huge-out.raw --quiet
+check "it warns about the cell past 1e8" grep -qx \
+    'halden: warning: huge.raw: 1 cell exceeds 1e8; the median filter maps such values to about 1e8' err.txt
 
 # --- thermal-shape ------------------------------------------------------------------------
 expect 0 "thermal-shape, defaults" "$halden" thermal-shape demo/terrain.npy shaped.npy
@@ -131,6 +143,7 @@ for bad in "--length -1" "--seed 4294967296" "--seed abc"; do
 done
 expect 3 "a flow record the library rejects" "$halden" flow demo/terrain.npy out.npy --length 1e9
 check "the library's reason reaches stderr" grep -q 'at most 2^24 steps' err.txt
+check "one failure makes one line" test "$(wc -l <err.txt)" = 1
 
 # Ctrl-C: a 512x512 grid runs long enough for SIGINT to arrive during the run.
 # The tool installs its handler just before; /proc shows when (SigCgt bit 2).
@@ -183,6 +196,10 @@ check "shade wrote the ao grid" test "$(wc -c <ao.raw)" = $((cells * 4))
 expect 0 "shade of a 128x32 grid with shadows" "$halden" shade terrain.raw wide.png --size 128
 py "the picture keeps the grid's shape" "w, h = 128, 32; $png_ok" wide.png
 expect 1 "shade into a file not named .png" "$halden" shade demo/terrain.npy picture.npy
+cp shaded.png kept.png
+expect 2 "shade with an extra grid that cannot be written" "$halden" shade demo/terrain.npy kept.png \
+    --sun-azimuth 90 --diffuse no-such-dir/diffuse.npy
+check "the picture is kept and no temporary is left" eval 'cmp -s kept.png shaded.png && ! ls -a | grep -q halden-'
 expect 1 "shade --sun-elevation 91" "$halden" shade demo/terrain.npy out.png --sun-elevation 91
 
 # --- blur --------------------------------------------------------------------------------------
@@ -192,6 +209,7 @@ check "blur changed the heights" eval '! cmp -s blurred.npy demo/terrain.npy'
 expect 0 "blur with a radius past the grid" "$halden" blur demo/terrain.npy wide-blurred.npy --radius 100.5
 expect 2 "blur of a 128x32 grid" "$halden" blur terrain.raw out.raw --size 128
 expect 1 "blur --radius 0" "$halden" blur demo/terrain.npy out.npy --radius 0
+expect 1 "blur --radius past 2^24" "$halden" blur demo/terrain.npy out.npy --radius 3e9
 
 # --- rasterize -----------------------------------------------------------------------------------
 printf '# a unit square at height 2\nv 0 0 2\nv 1 0 2\nv 1 1 2\nv 0 1 2\nf 1 2 3\nf 1 3//1 4/1/1\n' >square.obj
@@ -220,6 +238,9 @@ check "the quad is named by file and line" grep -q 'quad.obj:5: only triangles a
 printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf 1 2 9\n' >bad-index.obj
 expect 2 "rasterize a face with a bad index" "$halden" rasterize bad-index.obj out.npy --size 4 4
 expect 1 "rasterize --size with one value" "$halden" rasterize square.obj out.npy --size 4
+expect 2 "rasterize with an ids grid that cannot be written" "$halden" rasterize square.obj fresh.npy --size 4 4 \
+    --ids no-such-dir/ids.npy
+check "it creates no height grid" test ! -e fresh.npy
 
 # --- file formats ----------------------------------------------------------------------------
 if [ -n "$gdal" ]; then
@@ -268,6 +289,20 @@ else
     expect 2 "GeoTIFF without GDAL" "$halden" blur demo/terrain.npy out.tif
     check "it says why" grep -q 'built without GDAL' err.txt
 fi
+
+# .npy: float16 in both byte orders (1, -2, 65504 and 2^-24, the least
+# subnormal) is read exactly; a header dict that is not closed is refused.
+printf '\x00\x00\x80\x3f\x00\x00\x00\xc0\x00\xe0\x7f\x47\x00\x00\x80\x33' >half-expected.raw
+npy "{'descr': '<f2', 'fortran_order': False, 'shape': (2, 2), }" '\x00\x3c\x00\xc0\xff\x7b\x01\x00' half-le.npy
+npy "{'descr': '>f2', 'fortran_order': False, 'shape': (2, 2), }" '\x3c\x00\xc0\x00\x7b\xff\x00\x01' half-be.npy
+for order in le be; do
+    expect 0 "a float16 .npy ($order)" "$halden" median "half-$order.npy" "half-$order.raw" --iterations 0
+    check "its values come through exactly ($order)" cmp "half-$order.raw" half-expected.raw
+done
+npy "{'descr': '<f4', 'fortran_order': False, 'shape': (1, 1), " '\x00\x00\x80\x3f' open.npy
+expect 2 "a .npy header without its closing brace" "$halden" blur open.npy open-out.npy
+expect 2 "an output without an extension" "$halden" blur demo/terrain.npy no-extension
+check "it names the file and the formats" grep -q 'no-extension: no extension .*name it \.npy, ' err.txt
 
 # --- common failures and help ------------------------------------------------------------------
 for command in median thermal-shape flow blur; do

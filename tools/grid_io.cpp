@@ -71,19 +71,123 @@ bool is_raw_extension(const std::string& ext) {
 
 // --- .npy -------------------------------------------------------------------------
 
-// The text after "'key':" (or the double-quoted form) in the header dictionary.
-std::string_view value_of(std::string_view header, const char* key) {
-    for (const char quote : {'\'', '"'}) {
-        const std::string quoted = quote + std::string(key) + quote;
-        size_t at = header.find(quoted);
-        if (at == header.npos) continue;
-        at = header.find_first_not_of(" ", at + quoted.size());
-        if (at == header.npos || header[at] != ':') break;
-        at = header.find_first_not_of(" ", at + 1);
-        return at == header.npos ? std::string_view() : header.substr(at);
+// What a .npy header says: it is a Python dict literal such as
+// "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 4), }".
+struct NpyHeader {
+    std::string descr;
+    bool fortran = false;
+    std::vector<uint64_t> shape;
+};
+
+// Reads the header dict strictly, as a malformed one means a damaged or
+// foreign file whose data would be misread.
+class NpyHeaderParser {
+  public:
+    explicit NpyHeaderParser(std::string_view text) : text_(text) {}
+
+    NpyHeader parse() {
+        NpyHeader header;
+        std::vector<std::string> seen;
+        expect('{', "'{' at its start");
+        while (!take('}')) {
+            const std::string key = quoted("a quoted key or '}'");
+            require(std::find(seen.begin(), seen.end(), key) == seen.end(), "'" + key + "' twice in the .npy header");
+            seen.push_back(key);
+            expect(':', "':' after '" + key + "'");
+            if (key == "descr") {
+                skip();
+                require(at_ < text_.size() && (text_[at_] == '\'' || text_[at_] == '"'),
+                        "unsupported dtype: a structured array, not a grid of numbers");
+                header.descr = quoted("a quoted dtype");
+            } else if (key == "fortran_order") {
+                header.fortran = word("True");
+                require(header.fortran || word("False"), "malformed .npy header: 'fortran_order' is not True or False");
+            } else if (key == "shape") {
+                header.shape = tuple();
+            } else {
+                throw std::runtime_error("malformed .npy header: unexpected key '" + key + "'");
+            }
+            if (!take(',')) {
+                expect('}', "',' or '}' after the value of '" + key + "'");
+                break;
+            }
+        }
+        skip();
+        require(at_ == text_.size(), "malformed .npy header: text after its closing '}'");
+        for (const char* key : {"descr", "fortran_order", "shape"})
+            require(std::find(seen.begin(), seen.end(), key) != seen.end(),
+                    std::string("no '") + key + "' in the .npy header");
+        return header;
     }
-    throw std::runtime_error(std::string("no '") + key + "' in the .npy header");
-}
+
+  private:
+    void skip() {
+        while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\r' ||
+                                      text_[at_] == '\n'))
+            ++at_;
+    }
+    bool take(char c) {
+        skip();
+        if (at_ >= text_.size() || text_[at_] != c) return false;
+        ++at_;
+        return true;
+    }
+    void expect(char c, const std::string& what) { require(take(c), "malformed .npy header: expected " + what); }
+    bool word(std::string_view w) {
+        skip();
+        if (text_.substr(at_, w.size()) != w) return false;
+        at_ += w.size();
+        return true;
+    }
+    std::string quoted(const std::string& what) {
+        skip();
+        const char quote = at_ < text_.size() ? text_[at_] : '\0';
+        const size_t end = quote == '\'' || quote == '"' ? text_.find(quote, at_ + 1) : text_.npos;
+        require(end != text_.npos, "malformed .npy header: expected " + what);
+        std::string value(text_.substr(at_ + 1, end - at_ - 1));
+        at_ = end + 1;
+        return value;
+    }
+    // "(3, 4)", "(3,)" or "()"; Python 2 wrote "3L".
+    std::vector<uint64_t> tuple() {
+        std::vector<uint64_t> values;
+        expect('(', "'(' to open 'shape'");
+        while (!take(')')) {
+            skip();
+            uint64_t n = 0;
+            const auto [next, ec] = std::from_chars(text_.data() + at_, text_.data() + text_.size(), n);
+            require(ec == std::errc(), "malformed .npy header: expected a whole number or ')' in 'shape'");
+            at_ = static_cast<size_t>(next - text_.data());
+            if (at_ < text_.size() && text_[at_] == 'L') ++at_;
+            values.push_back(n);
+            if (!take(',')) {
+                expect(')', "',' or ')' in 'shape'");
+                break;
+            }
+        }
+        return values;
+    }
+
+    std::string_view text_;
+    size_t at_ = 0;
+};
+
+// IEEE half precision, which float32 holds exactly.
+struct Half {
+    uint16_t bits;
+    explicit operator float() const {
+        const uint32_t sign = uint32_t{bits & 0x8000u} << 16, exponent = (bits >> 10) & 0x1fu,
+                       mantissa = bits & 0x3ffu;
+        if (exponent == 0) {  // zero and subnormals: mantissa x 2^-24
+            const float magnitude = std::ldexp(static_cast<float>(mantissa), -24);
+            return std::bit_cast<float>(std::bit_cast<uint32_t>(magnitude) | sign);
+        }
+        // Infinities and NaNs keep their payload; normal numbers rebias the exponent from 15 to 127.
+        const uint32_t biased = exponent == 0x1fu ? 0xffu : exponent + 112u;
+        return std::bit_cast<float>(sign | biased << 23 | mantissa << 13);
+    }
+};
+static_assert(sizeof(Half) == 2);
 
 // Converts `count` items of type T, in the file's byte order, to float32.
 template <class T>
@@ -103,7 +207,11 @@ using Converter = void (*)(const unsigned char*, size_t, bool, float*);
 // The converter for a dtype such as '<f4', '>i2' or '|u1'; null when unsupported.
 Converter converter_for(char kind, int size) {
     switch (kind) {
-        case 'f': return size == 4 ? convert_items<float> : size == 8 ? convert_items<double> : nullptr;
+        case 'f':
+            return size == 2   ? convert_items<Half>
+                   : size == 4 ? convert_items<float>
+                   : size == 8 ? convert_items<double>
+                               : nullptr;
         case 'i':
             return size == 1   ? convert_items<int8_t>
                    : size == 2 ? convert_items<int16_t>
@@ -136,29 +244,15 @@ void read_npy(Source& source, Grid& grid) {
     std::string header(header_length, '\0');
     read_exactly(source, header.data(), header_length);
 
-    const std::string_view descr_text = value_of(header, "descr");
-    const size_t descr_end = descr_text.find_first_of("'\"", 1);
-    require(!descr_text.empty() && descr_end != descr_text.npos, "bad 'descr' in the .npy header");
-    const std::string descr(descr_text.substr(1, descr_end - 1));
+    const auto [descr, fortran, shape] = NpyHeaderParser(header).parse();
     int item = 0;
-    if (descr.size() >= 3 && std::strchr("<>|=", descr[0]))
-        std::from_chars(descr.data() + 2, descr.data() + descr.size(), item);
+    if (descr.size() >= 3 && std::strchr("<>|=", descr[0])) {
+        const auto [end, ec] = std::from_chars(descr.data() + 2, descr.data() + descr.size(), item);
+        if (ec != std::errc() || end != descr.data() + descr.size()) item = 0;
+    }
     const Converter convert = item > 0 ? converter_for(descr[1], item) : nullptr;
     require(convert != nullptr, "unsupported dtype '" + descr + "' (expected real numbers: float, int, uint or bool)");
     const bool swap = descr[0] == '>';
-    const bool fortran = value_of(header, "fortran_order").starts_with("True");
-
-    std::string_view shape_text = value_of(header, "shape");
-    require(shape_text.starts_with("("), "bad 'shape' in the .npy header");
-    shape_text = shape_text.substr(1, shape_text.find(')') - 1);
-    std::vector<uint64_t> shape;
-    for (size_t p = shape_text.find_first_not_of(" ,"); p != shape_text.npos; p = shape_text.find_first_not_of(" ,", p)) {
-        uint64_t n = 0;
-        const auto [next, ec] = std::from_chars(shape_text.data() + p, shape_text.data() + shape_text.size(), n);
-        require(ec == std::errc(), "bad 'shape' in the .npy header");
-        shape.push_back(n);
-        p = static_cast<size_t>(next - shape_text.data());
-    }
     require(shape.size() == 2, "expected a 2-D array, got " + std::to_string(shape.size()) + " dimension(s)");
     require(shape[0] > 0 && shape[1] > 0 && shape[0] <= UINT32_MAX && shape[1] <= UINT32_MAX,
             "expected a non-empty grid of at most 2^32 - 1 rows and columns, got shape (" +
@@ -523,38 +617,25 @@ bool read_grid(const std::string& path, const ReadOptions& options, Grid& grid, 
     }
 }
 
-namespace {
+PendingOutputs::~PendingOutputs() {
+    std::error_code ec;
+    for (const Staged& staged : staged_) fs::remove_all(staged.folder, ec);
+}
 
-// Makes `path` anew: `make(made)` writes the file, and any side files named
-// after it, at `made`, a path of the same name in a private folder beside
-// `path`, and throws on failure. Only then do the files move over the old
-// ones, so an existing file is replaced only by complete content. Writing
-// under the final name suits the GDAL drivers that insist on it (SRTM
-// tiles) or add side files (.aux.xml, .prj).
-bool replace_files(const std::string& path, const std::function<void(const std::string&)>& make,
-                   std::string& error) {
+bool PendingOutputs::stage(const std::string& path, const std::function<void(const std::string&)>& make,
+                           std::string& error) {
+    // One folder per staged file: two outputs may share a folder and a name.
+    static unsigned serial = 0;
     const fs::path target(path);
     const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    const fs::path temp = dir / (".halden-" + std::to_string(::getpid()));
-    const std::string made = (temp / target.filename()).string();
+    const fs::path folder = dir / (".halden-" + std::to_string(::getpid()) + "-" + std::to_string(serial++));
+    const std::string made = (folder / target.filename()).string();
     std::error_code ec;
     try {
-        fs::remove_all(temp, ec);
-        fs::create_directory(temp);
+        fs::remove_all(folder, ec);  // left by an earlier run that had this process id
+        fs::create_directory(folder);
         make(made);
-        std::vector<fs::path> files;
-        for (const auto& entry : fs::directory_iterator(temp)) files.push_back(entry.path());
-        // The main file last: until it moves, the old one stays whole.
-        std::stable_partition(files.begin(), files.end(),
-                              [&](const fs::path& p) { return p.filename() != target.filename(); });
-        bool has_aux = false;
-        for (const fs::path& file : files) {
-            has_aux = has_aux || file.filename() == target.filename().string() + ".aux.xml";
-            fs::rename(file, dir / file.filename());
-        }
-        // A side file of an earlier version would describe this one wrongly.
-        if (!has_aux) fs::remove(path + ".aux.xml");
-        fs::remove_all(temp, ec);
+        staged_.push_back({path, folder.string()});
         return true;
     } catch (const fs::filesystem_error& e) {
         error = path + ": " + e.code().message();
@@ -564,14 +645,48 @@ bool replace_files(const std::string& path, const std::function<void(const std::
         for (size_t at; (at = reason.find(made)) != std::string::npos;) reason.replace(at, made.size(), path);
         error = path + ": " + reason;
     }
-    fs::remove_all(temp, ec);
+    fs::remove_all(folder, ec);
     return false;
 }
 
-}  // namespace
+bool PendingOutputs::commit(std::string& error) {
+    std::error_code ec;
+    // The one failure worth checking for: a file cannot take a folder's place.
+    for (const Staged& staged : staged_)
+        if (fs::is_directory(staged.path, ec)) {
+            error = staged.path + ": is a directory";
+            return false;
+        }
+    while (!staged_.empty()) {
+        const Staged& staged = staged_.front();
+        const fs::path target(staged.path);
+        const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+        try {
+            std::vector<fs::path> files;
+            for (const auto& entry : fs::directory_iterator(staged.folder)) files.push_back(entry.path());
+            // The main file last: until it moves, the old one stays whole.
+            std::stable_partition(files.begin(), files.end(),
+                                  [&](const fs::path& p) { return p.filename() != target.filename(); });
+            bool has_aux = false;
+            for (const fs::path& file : files) {
+                has_aux = has_aux || file.filename() == target.filename().string() + ".aux.xml";
+                fs::rename(file, dir / file.filename());
+            }
+            // A side file of an earlier version would describe this one wrongly.
+            if (!has_aux) fs::remove(staged.path + ".aux.xml");
+        } catch (const fs::filesystem_error& e) {
+            error = staged.path + ": " + e.code().message();
+            return false;
+        }
+        fs::remove_all(staged.folder, ec);
+        staged_.erase(staged_.begin());
+    }
+    return true;
+}
 
-bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {
-    return replace_files(
+bool stage_file(PendingOutputs& outputs, const std::string& path, const std::function<bool(std::FILE*)>& write,
+                std::string& error) {
+    return outputs.stage(
         path,
         [&](const std::string& made) {
             File f(std::fopen(made.c_str(), "wb"));
@@ -587,11 +702,11 @@ bool write_file_replacing(const std::string& path, const std::function<bool(std:
 
 namespace {
 
-bool write_npy_or_raw(const std::string& path, const Grid& grid, std::string& error) {
+bool write_npy_or_raw(PendingOutputs& outputs, const std::string& path, const Grid& grid, std::string& error) {
     const bool npy = extension_of(path) == ".npy";
     const bool fill = grid.georeference.has_nodata;
-    return write_file_replacing(
-        path,
+    return stage_file(
+        outputs, path,
         [&](std::FILE* f) {
             if (npy) {
                 std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" +
@@ -623,11 +738,19 @@ bool write_npy_or_raw(const std::string& path, const Grid& grid, std::string& er
 
 }  // namespace
 
-bool write_grid(const std::string& path, const Grid& grid, const HeightRange& range, std::string& error,
-                std::string& note) {
+bool write_grid(PendingOutputs& outputs, const std::string& path, const Grid& grid, const HeightRange& range,
+                std::string& error, std::string& note) {
     note.clear();
     const std::string ext = extension_of(path);
-    if (ext == ".npy" || is_raw_extension(ext)) return write_npy_or_raw(path, grid, error);
+    // "name." has the extension "."; neither says a format.
+    if (ext.size() < 2) {
+        error = path + ": no extension to tell the format by; name it " +
+                (have_gdal() ? ".npy, .raw, .f32, .r32, .bin, .tif, .tiff, .png, .asc, .hgt or another extension "
+                               "that a GDAL driver writes"
+                             : ".npy, .raw, .f32, .r32 or .bin");
+        return false;
+    }
+    if (ext == ".npy" || is_raw_extension(ext)) return write_npy_or_raw(outputs, path, grid, error);
 #ifndef HALDEN_WITH_GDAL
     (void)range;
     error = path + ": unknown format '" + ext + "': this halden was built without GDAL and writes .npy and raw "
@@ -638,7 +761,7 @@ bool write_grid(const std::string& path, const Grid& grid, const HeightRange& ra
         error = path + ": .npz archives are read only; write .npy";
         return false;
     }
-    const bool ok = replace_files(
+    const bool ok = outputs.stage(
         path, [&](const std::string& made) { write_gdal(made, ext, grid, range, note); }, error);
     if (ok && !note.empty()) note = path + ": " + note;
     return ok;

@@ -52,16 +52,46 @@ bool have_gdal();
 bool read_grid(const std::string& path, const ReadOptions& options, Grid& grid, std::string& error,
                std::string& note);
 
-// Writes `path` through a temporary copy beside it that `write` fills and
-// that moves over `path` only when everything was written, so an existing
-// file is replaced only by complete content.
-bool write_file_replacing(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error);
+// Output files made beside their targets and moved over them together:
+// a command with several outputs replaces none of them unless every one was
+// written. Whatever was staged but not committed is removed when the object
+// goes, so a failure leaves neither a target changed nor a temporary behind.
+class PendingOutputs {
+  public:
+    PendingOutputs() = default;
+    ~PendingOutputs();
+    PendingOutputs(const PendingOutputs&) = delete;
+    PendingOutputs& operator=(const PendingOutputs&) = delete;
 
-// Writes a grid in the format of the name's extension, as read_grid picks it;
-// .npz is read only. NaN cells take the grid's no-data value where it has one.
-// GDAL formats get the georeference; a PNG gets 16-bit samples spanning
-// `range`, or the grid's least and greatest heights, which `note` then states.
-// Replaces an existing file (and the side files GDAL writes beside it) only on
-// success.
-bool write_grid(const std::string& path, const Grid& grid, const HeightRange& range, std::string& error,
-                std::string& note);
+    // Makes `path` in a private folder beside it: `make(made)` writes the
+    // file, and any side files named after it, at `made`, a path of the same
+    // name in that folder, and throws on failure. Writing under the final
+    // name suits the GDAL drivers that insist on it (SRTM tiles) or add side
+    // files (.aux.xml, .prj). On failure sets `error` to "PATH: reason".
+    bool stage(const std::string& path, const std::function<void(const std::string&)>& make, std::string& error);
+
+    // Moves every staged file over its target, the main file of each after
+    // its side files. Targets that are folders are refused before anything
+    // moves; renames within one folder do not otherwise fail in practice.
+    bool commit(std::string& error);
+
+  private:
+    struct Staged {
+        std::string path;    // the target
+        std::string folder;  // the private folder beside it
+    };
+    std::vector<Staged> staged_;
+};
+
+// Stages `path` in `outputs` as a plain file that `write` fills.
+bool stage_file(PendingOutputs& outputs, const std::string& path, const std::function<bool(std::FILE*)>& write,
+                std::string& error);
+
+// Stages a grid in the format of the name's extension, as read_grid picks
+// it; .npz is read only. NaN cells take the grid's no-data value where it has
+// one. GDAL formats get the georeference; a PNG gets 16-bit samples spanning
+// `range`, or the grid's least and greatest heights, which `note` then
+// states. Commit `outputs` to replace the file (and the side files GDAL
+// writes beside it).
+bool write_grid(PendingOutputs& outputs, const std::string& path, const Grid& grid, const HeightRange& range,
+                std::string& error, std::string& note);

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -78,7 +79,8 @@ const char kUsageText[] =
     "  All but .npy and raw need GDAL (built in: %s). The georeference and the\n"
     "  no-data value of IN are carried to OUT; no-data cells take the lowest height\n"
     "  while an operation runs and are no-data again in OUT. An existing OUT is\n"
-    "  replaced only when the operation succeeded.\n"
+    "  replaced only when the operation succeeded and every output of the command\n"
+    "  (shade's and rasterize's extra grids too) was written.\n"
     "\n"
     "exit codes:\n"
     "  0  success\n"
@@ -108,6 +110,10 @@ const char kMedianUsage[] =
     "  --radius R      radius of the circular window, 1 to 8 (default 2)\n"
     "  --iterations N  number of passes (default 1)\n"
     "  --json          print {\"operation\", \"device\", \"size\", \"milliseconds\"}\n"
+    "\n"
+    "Heights above 1e8 (and +Inf) come out as about 1e8: the filter pads its windows\n"
+    "with 1e8, which sorts below them. A warning on stderr counts the cells of IN\n"
+    "that exceed 1e8.\n"
     "\n"
     "A grid that is not square exits 2. Throughput counts cells times iterations.\n"
     "File formats, common options and exit codes: see 'halden --help'.\n";
@@ -233,8 +239,9 @@ const char kBlurUsage[] =
     "with R; cells past the edges repeat the edge cells, so a constant grid stays\n"
     "constant.\n"
     "\n"
-    "  --radius R  radius of the boxes in cells, a positive number (default 12: boxes\n"
-    "              25 cells wide); larger radii blur more at the same cost\n"
+    "  --radius R  radius of the boxes in cells, a positive number up to 16777216\n"
+    "              (2^24; default 12: boxes 25 cells wide); larger radii blur more\n"
+    "              at the same cost\n"
     "  --json      print {\"operation\", \"device\", \"size\", \"milliseconds\"}\n"
     "\n"
     "A grid that is not square, or more than 46340 cells wide, exits 2. Numbers must\n"
@@ -327,7 +334,12 @@ constexpr float kPictureRelief = 3.0f;
 
 bool g_verbose = false;
 bool g_quiet = false;  // --quiet: notes about files are not shown either
-std::atomic<bool> g_error{false};  // set by the error slot, which may run on a library thread
+// Set by the error slot, which may run on a library thread, with the first
+// text it got since the flag was cleared: the tool's own failure message
+// says that text, so that one failure makes one line.
+std::atomic<bool> g_error{false};
+std::mutex g_error_mutex;
+std::string g_error_text;
 
 // The progress bar on stderr: whether to draw it, the percentage last drawn
 // and whether the cursor still stands at the end of the bar's line.
@@ -358,9 +370,26 @@ void draw_bar(float percent) {
 }
 
 void on_error(const char* text) {
+    const std::lock_guard<std::mutex> lock(g_error_mutex);
+    if (!g_error) g_error_text = text ? text : "";
     g_error = true;
+}
+
+// ": TEXT" for the library's error since the flag was last cleared, or ""
+// when it reported none; clears the flag.
+std::string library_reason() {
+    const std::lock_guard<std::mutex> lock(g_error_mutex);
+    const bool reported = g_error.exchange(false);
+    return reported && !g_error_text.empty() ? ": " + g_error_text : std::string();
+}
+
+// Clears the flag before a library call. A text that no failure message took
+// (a report from a call that then went on) is printed as it came.
+void clear_library_error() {
+    const std::string left = library_reason();
+    if (left.empty()) return;
     break_bar_line();
-    std::fprintf(stderr, "halden: error: %s\n", text ? text : "");
+    std::fprintf(stderr, "halden: error%s\n", left.c_str());
 }
 void on_warning(const char* text) {
     break_bar_line();
@@ -558,7 +587,7 @@ struct Timing {
 // through the error slot counts as a device error even when the call said 0.
 template <class Call>
 uint32_t timed(double work, Timing& timing, Call call) {
-    g_error = false;
+    clear_library_error();
     const auto start = std::chrono::steady_clock::now();
     const uint32_t status = call();
     timing.milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
@@ -581,15 +610,6 @@ int read_input(const std::string& path, const ReadOptions& options, Grid& grid) 
     if (options.width != 0 && grid.width != options.width)
         return fail(kIo, "%s: --size %u does not match the file's shape of %ux%u", path.c_str(), options.width,
                     grid.width, grid.height);
-    return kOk;
-}
-
-// Writes OUT, replacing an existing file only on success. Returns kOk or
-// kIo after a message.
-int write_output(const std::string& path, const Grid& grid, const HeightRange& range) {
-    std::string error, said;
-    if (!write_grid(path, grid, range, error, said)) return fail(kIo, "%s", error.c_str());
-    note(said);
     return kOk;
 }
 
@@ -681,8 +701,13 @@ int open_queue(const std::string& device, halden_queue*& queue, std::string& key
             if (text_of(list.records[i].backend) == "CUDA") key = device_key(list.records[i]);
         if (key.empty()) return fail(kDevice, "no CUDA device listed (see 'halden devices')");
     }
+    clear_library_error();
     queue = CreateSyclQueue(key.c_str(), &kCallbacks);
-    if (!queue) return fail(kDevice, "no device matches '%s' (see 'halden devices')", key.c_str());
+    if (!queue) {
+        const std::string reason = library_reason();
+        if (!reason.empty()) return fail(kDevice, "cannot open a queue on '%s'%s", key.c_str(), reason.c_str());
+        return fail(kDevice, "no device matches '%s' (see 'halden devices')", key.c_str());
+    }
     if (halden_device_record* info = GetDeviceInfo(queue)) {  // names the device "cpu" or "gpu" resolved to
         key = device_key(*info);
         FreeDeviceInfo(info);
@@ -702,10 +727,12 @@ int run_on_device(const std::string& device, std::string& key, const char* what,
     uint32_t status = operation(queue);
     DestroySyclQueue(queue);
     if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;
+    const std::string reason = library_reason();
     if (status == HALDEN_STATUS_OUT_OF_MEMORY)
-        return fail(kDevice, "not enough device memory on %s for %s; %s not written", key.c_str(), what, out.c_str());
+        return fail(kDevice, "not enough device memory on %s for %s%s; %s not written", key.c_str(), what,
+                    reason.c_str(), out.c_str());
     if (status != HALDEN_STATUS_OK)
-        return fail(kDevice, "%s failed on %s; %s not written", what, key.c_str(), out.c_str());
+        return fail(kDevice, "%s failed on %s%s; %s not written", what, key.c_str(), reason.c_str(), out.c_str());
     return kOk;
 }
 
@@ -907,9 +934,10 @@ uint8_t srgb8(float linear) {
     return static_cast<uint8_t>(std::lround(encoded * 255.0));
 }
 
-// Writes the colour planes as a PNG, rows top to bottom in grid order.
-bool write_picture(const std::string& path, uint32_t width, uint32_t height, const float* r, const float* g,
-                   const float* b, std::string& error) {
+// Writes the colour planes as a PNG, rows top to bottom in grid order,
+// staged in `outputs`.
+bool write_picture(PendingOutputs& outputs, const std::string& path, uint32_t width, uint32_t height,
+                   const float* r, const float* g, const float* b, std::string& error) {
     const size_t cells = size_t{width} * height;
     std::vector<uint8_t> rgb(3 * cells);
     for (size_t i = 0; i < cells; ++i) {
@@ -917,7 +945,45 @@ bool write_picture(const std::string& path, uint32_t width, uint32_t height, con
         rgb[3 * i + 1] = srgb8(g[i]);
         rgb[3 * i + 2] = srgb8(b[i]);
     }
-    return write_png_rgb(path, width, height, rgb, error);
+    return write_png_rgb(outputs, path, width, height, rgb, error);
+}
+
+// A command's output files. Each is written beside its target as it comes
+// and commit() moves them all into place, so that a failure on any of them
+// leaves every target as it was; the notes about the files wait for the
+// commit too. The methods return kOk, or kIo after a message.
+class Outputs {
+  public:
+    int grid(const std::string& path, const Grid& grid, const HeightRange& range) {
+        std::string error, said;
+        if (!write_grid(pending_, path, grid, range, error, said)) return fail(kIo, "%s", error.c_str());
+        notes_.push_back(said);
+        return kOk;
+    }
+    int picture(const std::string& path, uint32_t width, uint32_t height, const float* r, const float* g,
+                const float* b) {
+        std::string error;
+        if (!write_picture(pending_, path, width, height, r, g, b, error)) return fail(kIo, "%s", error.c_str());
+        return kOk;
+    }
+    int commit() {
+        std::string error;
+        if (!pending_.commit(error)) return fail(kIo, "%s", error.c_str());
+        for (const std::string& said : notes_) note(said);
+        return kOk;
+    }
+
+  private:
+    PendingOutputs pending_;
+    std::vector<std::string> notes_;
+};
+
+// Writes OUT, the only output of a command. Returns kOk or kIo after a
+// message.
+int write_output(const std::string& path, const Grid& grid, const HeightRange& range) {
+    Outputs outputs;
+    if (const int code = outputs.grid(path, grid, range); code != kOk) return code;
+    return outputs.commit();
 }
 
 // The demo's runs: every step on each of its devices, timed, and the
@@ -937,16 +1003,17 @@ class DemoRun {
             halden_queue* queue = CreateSyclQueue(key.c_str(), &kCallbacks);
             Grid grid = input;
             Timing timing{};
-            g_error = false;
             uint32_t status = queue ? operation(queue, grid, timing) : HALDEN_STATUS_DEVICE_ERROR;
             DestroySyclQueue(queue);
             if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+            const std::string reason = library_reason();
             if (status != HALDEN_STATUS_OK) {
                 failed_ = true;
-                fail(kDevice, "%s failed on %s%s", step.c_str(), key.c_str(),
+                fail(kDevice, "%s failed on %s%s%s", step.c_str(), key.c_str(),
                      !queue                                   ? " (no queue)"
                      : status == HALDEN_STATUS_OUT_OF_MEMORY ? " (not enough device memory)"
-                                                              : "");
+                                                              : "",
+                     reason.c_str());
                 continue;
             }
             record(step, key, timing.milliseconds, timing.milliseconds > 0.0 ? mcells / (timing.milliseconds * 1e3) : 0.0);
@@ -1006,8 +1073,8 @@ class DemoRun {
 
 // The flow map over the shaded relief: water blue, opaque from a third of
 // the map's saturating range up. `planes` are shade_grid's.
-bool write_flow_picture(const std::string& path, const Grid& flow, const std::vector<float>& planes,
-                        std::string& error) {
+bool write_flow_picture(PendingOutputs& outputs, const std::string& path, const Grid& flow,
+                        const std::vector<float>& planes, std::string& error) {
     const size_t cells = flow.cells.size();
     std::vector<float> rgb(planes.begin(), planes.begin() + 3 * cells);
     const float water[3] = {0.02f, 0.18f, 0.75f};
@@ -1016,7 +1083,8 @@ bool write_flow_picture(const std::string& path, const Grid& flow, const std::ve
         const float a = f > 0.0f ? std::min(3.0f * f, 1.0f) : 0.0f;
         for (size_t k = 0; k < 3; ++k) rgb[k * cells + i] = rgb[k * cells + i] * (1.0f - a) + water[k] * a;
     }
-    return write_picture(path, flow.width, flow.height, rgb.data(), rgb.data() + cells, rgb.data() + 2 * cells, error);
+    return write_picture(outputs, path, flow.width, flow.height, rgb.data(), rgb.data() + cells,
+                         rgb.data() + 2 * cells, error);
 }
 
 // Reads a path option into `path` (empty when not given); false after a
@@ -1083,6 +1151,13 @@ int cmd_median(int argc, char** argv) {
     if (!grid.square())
         return fail(kIo, "%s: the median filter needs a square grid, this one is %ux%u", in.c_str(), grid.width,
                     grid.height);
+    // The library pads its sorting network with 1e8, so larger heights sort
+    // past the padding and the median of their windows comes out near 1e8.
+    constexpr float kMedianPadding = 1e8f;
+    const auto above = std::count_if(grid.cells.begin(), grid.cells.end(), [](float h) { return h > kMedianPadding; });
+    if (above > 0)
+        std::fprintf(stderr, "halden: warning: %s: %zu %s 1e8; the median filter maps such values to about 1e8\n",
+                     in.c_str(), static_cast<size_t>(above), above == 1 ? "cell exceeds" : "cells exceed");
 
     std::string key;
     Timing timing{};
@@ -1205,6 +1280,7 @@ int cmd_flow(int argc, char** argv) {
     const halden_flow_parameters parameters = {0, 0, length, accumulation, seed};
     Timing timing{};
     uint32_t status = HALDEN_STATUS_OK;
+    std::string reason;  // the library's, when it reported an error
     bool interrupted = false;
     {
         const InterruptGuard guard;
@@ -1213,6 +1289,7 @@ int cmd_flow(int argc, char** argv) {
         status = run_flow(queue, heights, map, !mask_path.empty(), parameters, &kFlowCallbacks, timing);
         DestroySyclQueue(queue);
         if (g_error) status = HALDEN_STATUS_DEVICE_ERROR;  // waiting for the queue may report late failures too
+        reason = library_reason();
         interrupted = g_interrupted;
         if (g_bar_enabled && status == HALDEN_STATUS_OK && !interrupted) draw_bar(100.0f);
         break_bar_line();
@@ -1221,10 +1298,11 @@ int cmd_flow(int argc, char** argv) {
     // A Ctrl-C that came too late to stop the run still means: keep OUT as it is.
     if (interrupted) return fail(kDevice, "cancelled; %s not written", out.c_str());
     if (status == HALDEN_STATUS_OUT_OF_MEMORY)
-        return fail(kDevice, "not enough device memory on %s for a %ux%u grid; %s not written", key.c_str(),
-                    heights.width, heights.height, out.c_str());
+        return fail(kDevice, "not enough device memory on %s for a %ux%u grid%s; %s not written", key.c_str(),
+                    heights.width, heights.height, reason.c_str(), out.c_str());
     if (status != HALDEN_STATUS_OK)
-        return fail(kDevice, "the flow simulation failed on %s; %s not written", key.c_str(), out.c_str());
+        return fail(kDevice, "the flow simulation failed on %s%s; %s not written", key.c_str(), reason.c_str(),
+                    out.c_str());
     map.georeference = heights.georeference;
     mark_missing(map, missing);
     // --range maps IN's samples; the map's own values span something else.
@@ -1308,18 +1386,20 @@ int cmd_shade(int argc, char** argv) {
         return code;
 
     const size_t cells = heights.cells.size();
-    std::string error;
-    if (!write_picture(out, heights.width, heights.height, planes.data(), planes.data() + cells,
-                       planes.data() + 2 * cells, error))
-        return fail(kIo, "%s", error.c_str());
+    Outputs outputs;
+    if (const int code = outputs.picture(out, heights.width, heights.height, planes.data(), planes.data() + cells,
+                                         planes.data() + 2 * cells);
+        code != kOk)
+        return code;
     const std::string* const paths[] = {&diffuse_path, &shadow_path, &ao_path};
     for (int i = 0; i < 3; ++i) {
         if (paths[i]->empty()) continue;
         const float* plane = planes.data() + (3 + i) * cells;
         Grid grid{heights.width, heights.height, std::vector<float>(plane, plane + cells), heights.georeference};
         mark_missing(grid, missing);
-        if (const int code = write_output(*paths[i], grid, {}); code != kOk) return code;
+        if (const int code = outputs.grid(*paths[i], grid, {}); code != kOk) return code;
     }
+    if (const int code = outputs.commit(); code != kOk) return code;
 
     if (args.switches.count("--quiet")) return kOk;
     if (args.switches.count("--json")) {
@@ -1340,6 +1420,17 @@ int cmd_blur(int argc, char** argv) {
     if (args.positional.size() != 2) return fail(kUsage, "blur needs IN and OUT (see halden blur --help)");
     float radius = 12.0f;
     if (!float_option(args, "--radius", Range::kPositive, radius)) return kUsage;
+    // The library refuses radii past 2^24, beyond which a float no longer
+    // holds every whole number of cells. Checked on the text's own value, as
+    // 16777217 rounds to 2^24 in float.
+    constexpr double kMaxBlurRadius = 16777216.0;
+    if (const auto it = args.values.find("--radius"); it != args.values.end()) {
+        double exact = 0.0;
+        std::from_chars(it->second.data(), it->second.data() + it->second.size(), exact);
+        if (!(exact <= kMaxBlurRadius))
+            return fail(kUsage, "--radius expects a positive number of at most 16777216 (2^24), got '%s'",
+                        it->second.c_str());
+    }
     std::string device;
     if (!device_option(args, device)) return kUsage;
     const std::string& in = args.positional[0];
@@ -1492,9 +1583,11 @@ int cmd_rasterize(int argc, char** argv) {
                                        });
         code != kOk)
         return code;
-    if (const int code = write_output(out, heights, range); code != kOk) return code;
+    Outputs outputs;
+    if (const int code = outputs.grid(out, heights, range); code != kOk) return code;
     if (!ids_path.empty())
-        if (const int code = write_output(ids_path, ids, {}); code != kOk) return code;
+        if (const int code = outputs.grid(ids_path, ids, {}); code != kOk) return code;
+    if (const int code = outputs.commit(); code != kOk) return code;
 
     const size_t covered = static_cast<size_t>(
         std::count_if(heights.cells.begin(), heights.cells.end(), [](float h) { return h > -FLT_MAX; }));
@@ -1554,9 +1647,12 @@ int cmd_demo(int argc, char** argv) {
     const auto since = [&](std::chrono::steady_clock::time_point start) {
         return std::chrono::duration<double, std::milli>(now() - start).count();
     };
+    // Each file replaces its old version at once: a demo run's files need not
+    // stand or fall together.
     const auto write = [&](const std::string& name, const auto& writer) {
         const auto start = now();
-        if (!writer(dir + "/" + name)) return false;
+        PendingOutputs outputs;
+        if (!writer(outputs, dir + "/" + name) || !outputs.commit(error)) return false;
         demo.record("write " + name, "", since(start));
         return true;
     };
@@ -1595,18 +1691,18 @@ int cmd_demo(int argc, char** argv) {
             return status;
         });
         if (planes_grid.cells.empty()) return true;
-        const auto picture = [&](const std::string& path) {
+        const auto picture = [&](PendingOutputs& outputs, const std::string& path) {
             const float* p = planes_grid.cells.data();
             const size_t cells = shaped.cells.size();
-            return write_picture(path, shaped.width, shaped.height, p, p + cells, p + 2 * cells, error);
+            return write_picture(outputs, path, shaped.width, shaped.height, p, p + cells, p + 2 * cells, error);
         };
         if (!write(prefix + "relief.png", picture)) return false;
         if (!map.cells.empty()) {
             map.width = shaped.width;
             map.height = shaped.height;
             mark_missing(map, missing);
-            if (!write(prefix + "flow.png", [&](const std::string& path) {
-                    return write_flow_picture(path, map, planes_grid.cells, error);
+            if (!write(prefix + "flow.png", [&](PendingOutputs& outputs, const std::string& path) {
+                    return write_flow_picture(outputs, path, map, planes_grid.cells, error);
                 }))
                 return false;
         }
@@ -1629,7 +1725,9 @@ int cmd_demo(int argc, char** argv) {
     for (const auto& [name, grid] : grids) {
         if (grid->cells.empty()) continue;
         std::string said;
-        if (!write(name, [&](const std::string& path) { return write_grid(path, *grid, {}, error, said); }))
+        if (!write(name, [&](PendingOutputs& outputs, const std::string& path) {
+                return write_grid(outputs, path, *grid, {}, error, said);
+            }))
             return fail(kIo, "%s", error.c_str());
     }
 

@@ -180,8 +180,8 @@ bool has_png_extension(const std::string& path) {
     return tail == ".png";
 }
 
-bool write_png_rgb(const std::string& path, uint32_t width, uint32_t height, const std::vector<uint8_t>& rgb,
-                   std::string& error) {
+bool write_png_rgb(PendingOutputs& outputs, const std::string& path, uint32_t width, uint32_t height,
+                   const std::vector<uint8_t>& rgb, std::string& error) {
     // The format stores sides as 31-bit numbers.
     if (width == 0 || height == 0 || width > INT32_MAX || height > INT32_MAX) {
         error = path + ": a PNG must be 1 to 2^31 - 1 pixels wide and high, not " + std::to_string(width) + "x" +
@@ -193,6 +193,6 @@ bool write_png_rgb(const std::string& path, uint32_t width, uint32_t height, con
                 std::to_string(height) + " RGB pixels";
         return false;
     }
-    return write_file_replacing(
-        path, [&](std::FILE* f) { return write_png_file(f, width, height, rgb); }, error);
+    return stage_file(
+        outputs, path, [&](std::FILE* f) { return write_png_file(f, width, height, rgb); }, error);
 }
