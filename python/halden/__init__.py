@@ -13,12 +13,18 @@ Grids are 2-D arrays of shape (rows, columns); row 0 is the grid's first row.
 Every operation returns new float32 arrays and leaves its inputs alone.
 Inputs of another real dtype (bool, integers, float16, float64) are converted
 to float32 first; complex, object and string arrays are refused with
-ValueError. Results are bit-identical on every device.
+ValueError, as is an argument outside the range its function documents.
+Results are bit-identical on every device.
 
 A failure reported by the library raises HaldenError, whose `status` is the
 library's status code (2: out of device memory, 3: device or runtime error)
 and whose `errors` holds the texts the library sent during the call.
-Calls are serialised: the library reports through process-wide tables.
+
+Threads may run operations at the same time on different queues. A queue
+serves one call at a time: a call from another thread waits for its turn, and
+close() from another thread waits for the running call to return. Callbacks
+run on the thread that made the call; one that uses or closes the queue of the
+call running it raises RuntimeError.
 
 The shared library is loaded from the path in the environment variable
 HALDEN_LIBRARY when that is set, else from libHalden.AdaptiveCpp.so (or
@@ -32,6 +38,7 @@ import math
 import operator
 import os
 import threading
+import warnings
 from typing import NamedTuple, Optional
 
 import numpy as np
@@ -168,7 +175,7 @@ class Cancelled(HaldenError):
 
 
 class _Call:
-    """Collects what the library reports while one call runs."""
+    """Collects what the library reports while one call runs on this thread."""
 
     def __init__(self, progress=None, cancel=None):
         self.status = 0
@@ -178,22 +185,27 @@ class _Call:
         self.exception = None
 
 
-_lock = threading.RLock()
-_call = None  # the _Call that is running, None between calls
+# .call: the _Call running on this thread, None between calls. The library
+# sends a call's reports on the thread that made it, so each thread's reports
+# reach its own call while other threads run theirs.
+_calls = threading.local()
+
+
+def _current():
+    return getattr(_calls, "call", None)
 
 
 # Module-level so that they outlive every table the library copies them into.
-# They may run on library threads: keep them short.
 @_TEXT_FN
 def _on_error(text):
-    call = _call
+    call = _current()
     if call is not None:
         call.errors.append(text.decode("utf-8", "replace") if text else "")
 
 
 def _ask(slot, *args):
     """Nonzero once the caller's callback for `slot` has asked to stop (or raised)."""
-    call = _call
+    call = _current()
     if call is None:
         return 0
     fn = getattr(call, slot)
@@ -223,14 +235,13 @@ _TABLE = ctypes.byref(_table)
 def _reported(operation, progress=None, cancel=None):
     """Runs the body as one library call, which sets the yielded call's status,
     and raises for what the library and the callbacks reported."""
-    global _call
     call = _Call(progress, cancel)
-    with _lock:
-        outer, _call = _call, call
-        try:
-            yield call
-        finally:
-            _call = outer
+    # A callback may run an operation on another queue: its call nests in this one.
+    outer, _calls.call = _current(), call
+    try:
+        yield call
+    finally:
+        _calls.call = outer
     if call.exception is not None:
         raise call.exception
     if call.status and call.cancelled:
@@ -243,9 +254,10 @@ def _reported(operation, progress=None, cancel=None):
                           status, call.errors)
 
 
-def _run(operation, fn, *args, progress=None, cancel=None):
-    with _reported(operation, progress, cancel) as call:
-        call.status = fn(*args)
+def _run(operation, q, fn, *args, progress=None, cancel=None):
+    """Calls fn(handle of q, *args), holding q from reading its handle until fn returns."""
+    with _holding(q) as handle, _reported(operation, progress, cancel) as call:
+        call.status = fn(handle, *args)
 
 
 # --- Devices and queues --------------------------------------------------------------
@@ -298,13 +310,20 @@ class Queue:
 
     key: "cpu" (the host device, default) or a Device.key from devices().
     Use it as a context manager or call close(); a closed queue raises
-    ValueError when used. Attributes: key, device (a Device).
+    ValueError when used. It serves one call at a time: a call from another
+    thread waits for the running one. Attributes: key, device (a Device).
     """
 
     def __init__(self, key="cpu"):
+        # First, so that close() works on a queue whose construction failed.
         self._handle = None
+        self._state = threading.Condition()  # guards _handle and _user
+        self._user = None  # the thread whose call holds the queue, None between calls
         if not isinstance(key, str):
             raise TypeError(f"a device key is a str, got {type(key).__name__}")
+        if "\0" in key:
+            # The library reads the key up to the NUL: "cpu\0x" would open cpu.
+            raise ValueError(f"a device key cannot contain a NUL character, got {key!r}")
         self.key = key
         # The table given here becomes the library's process-wide one, which
         # MedianFilter and asynchronous device errors report through.
@@ -325,8 +344,17 @@ class Queue:
             _FreeDeviceInfo(info)
 
     def close(self):
-        """Waits for the queue's work and frees it; closing twice is harmless."""
-        handle, self._handle = self._handle, None
+        """Waits for the queue's work and frees it; closing twice is harmless.
+
+        A call running on the queue in another thread is waited for; closing
+        from a callback of the call running on it raises RuntimeError.
+        """
+        with self._state:
+            if self._user == threading.get_ident():
+                raise RuntimeError("the queue is in use by the call running this callback; "
+                                   "close it after that call returns")
+            self._state.wait_for(lambda: self._user is None)
+            handle, self._handle = self._handle, None
         if handle:
             with _reported("DestroySyclQueue"):
                 _DestroySyclQueue(handle)
@@ -338,21 +366,38 @@ class Queue:
         self.close()
 
     def __del__(self):
+        # A finaliser's exception could only be printed; the interpreter may
+        # also be tearing the module down.
         try:
             self.close()
-        except Exception:
+        except BaseException:
             pass
 
     def __repr__(self):
         return f"halden.Queue({self.key!r}{'' if self._handle else ', closed'})"
 
 
-def _queue(q):
+@contextlib.contextmanager
+def _holding(q):
+    """Yields q's handle and keeps q in use by this thread until the body ends,
+    so that neither close() nor another call can free or share it meanwhile."""
     if not isinstance(q, Queue):
         raise TypeError(f"expected a halden.Queue, got {type(q).__name__}")
-    if not q._handle:
-        raise ValueError("the queue is closed")
-    return q._handle
+    me = threading.get_ident()
+    with q._state:
+        if q._user == me:
+            raise RuntimeError("the queue is in use by the call running this callback; "
+                               "a callback cannot run an operation on it")
+        q._state.wait_for(lambda: q._user is None)
+        if not q._handle:
+            raise ValueError("the queue is closed")
+        q._user = me
+    try:
+        yield q._handle
+    finally:
+        with q._state:
+            q._user = None
+            q._state.notify_all()
 
 
 # --- Arguments ---------------------------------------------------------------------------
@@ -390,22 +435,45 @@ def _mask(mask, shape):
     return m
 
 
-def _int(value, ctype, what):
-    """`value` as an integer that `ctype` holds unchanged (ctypes would wrap it silently)."""
+def _int(value, ctype, what, low=None, high=None):
+    """`value` as an integer that `ctype` holds unchanged (ctypes would wrap it
+    silently), refused outside [low, high] where they are given."""
     try:
         number = operator.index(value)
     except TypeError:
         raise TypeError(f"{what} must be an integer, got {value!r}") from None
     if ctype(number).value != number:
         raise ValueError(f"{what} = {number} is out of range")
+    if (low is not None and number < low) or (high is not None and number > high):
+        span = f"at least {low}" if high is None else f"{low} to {high}"
+        raise ValueError(f"{what} must be {span}, got {number}")
     return number
+
+
+def _float(value, what, ok=math.isfinite, rule="finite"):
+    """`value` as a float, refused unless `ok` holds for it both as given and
+    as the float32 a record keeps (where 1e39 turns infinite and 1e-50 zero)."""
+    try:
+        stored = _f32(value).value  # first: float() would also parse a string
+        number = float(value)
+    except TypeError:
+        raise TypeError(f"{what} must be a real number, got {value!r}") from None
+    except OverflowError:  # an int too large for a float
+        number = stored = math.inf
+    if not (ok(number) and ok(stored)):
+        raise ValueError(f"{what} must be {rule}, got {value!r}")
+    return number
+
+
+def _positive(value, what):
+    return _float(value, what, lambda x: 0 < x < math.inf, "finite and > 0")
 
 
 def _vector(values, what):
     v = tuple(values)
     if len(v) != 3:
         raise ValueError(f"{what} must have 3 components, got {len(v)}")
-    return (_f32 * 3)(*v)
+    return (_f32 * 3)(*(_float(x, what) for x in v))
 
 
 def _ptr(a):
@@ -413,6 +481,9 @@ def _ptr(a):
 
 
 # --- Operations ------------------------------------------------------------------------------
+
+_MEDIAN_PADDING = np.float32(1e8)  # what the library's sorting network pads its windows with
+
 
 def median_filter(q, heights, radius=3, iterations=1):
     """Removes spikes and pits from a square grid while keeping edges.
@@ -424,11 +495,20 @@ def median_filter(q, heights, radius=3, iterations=1):
     radius:     disc radius in cells, 1 to 8 (default 3; larger acts as 8)
     iterations: number of passes (default 1; 0 returns the grid unchanged)
     Returns the filtered grid.
+
+    Values above 1e8, +inf included, come back as about 1e8: the filter
+    sorts them below the 1e8 it pads its windows with. A grid holding any
+    draws a RuntimeWarning.
     """
-    handle = _queue(q)
     grid = _grid(heights, square=True)
-    record = _MedianParameters(grid.shape[0], _int(radius, _u32, "radius"), _int(iterations, _u32, "iterations"), 0)
-    _run("MedianFilter", _MedianFilter, handle, _ptr(grid), ctypes.byref(record))
+    # The library reads the radius as int32 and refuses 0 and below.
+    record = _MedianParameters(grid.shape[0], _int(radius, _i32, "radius", low=1), _int(iterations, _u32, "iterations"),
+                               0)
+    above = np.count_nonzero(grid > _MEDIAN_PADDING) if record.iterations else 0
+    if above:
+        warnings.warn(f"{above} cells of the grid exceed 1e8; the median filter maps such values to about 1e8",
+                      RuntimeWarning, stacklevel=2)
+    _run("MedianFilter", q, _MedianFilter, _ptr(grid), ctypes.byref(record))
     return grid
 
 
@@ -442,20 +522,22 @@ def thermal_shape(q, heights, mask=None, amount=-0.5, strength=1.0, height_scale
                   and peaks, zero or positive shapes valleys
     strength:     blend with the input (default 1.0): 0 gives the input back,
                   1 the shaped grid, above 1 exaggerates
-    height_scale: world height of one height unit (default 1.0)
-    extent:       world width of the whole grid (default None: the width in
-                  cells, so a cell is one height unit wide); larger is gentler
-    level_factor: scales the number of pyramid levels (default 0.125: the
-                  coarsest level is about 16 cells wide)
-    Returns the shaped grid.
+    height_scale: world height of one height unit, > 0 (default 1.0)
+    extent:       world width of the whole grid, > 0 (default None: the width
+                  in cells, so a cell is one height unit wide); larger is
+                  gentler
+    level_factor: scales the number of pyramid levels, > 0 (default 0.125:
+                  the coarsest level is about 16 cells wide)
+    Every number must be finite. Returns the shaped grid.
     """
-    handle = _queue(q)
     grid = _grid(heights)
     weights = _mask(mask, grid.shape)
     rows, columns = grid.shape
-    record = _ThermalParameters(columns, rows, height_scale, columns if extent is None else extent, level_factor,
-                                strength, amount, 0)
-    _run("ThermalShaper_Process", _ThermalShaper, handle, _ptr(grid), _ptr(weights), ctypes.byref(record), _TABLE)
+    record = _ThermalParameters(columns, rows, _positive(height_scale, "height_scale"),
+                                _positive(columns if extent is None else extent, "extent"),
+                                _positive(level_factor, "level_factor"), _float(strength, "strength"),
+                                _float(amount, "amount"), 0)
+    _run("ThermalShaper_Process", q, _ThermalShaper, _ptr(grid), _ptr(weights), ctypes.byref(record), _TABLE)
     return grid
 
 
@@ -464,11 +546,12 @@ def flow(q, heights, mask=None, length=1.0, accumulation=0.0, seed=1, progress=N
 
     mask:         grid of the heights' shape giving each cell's chance, 0 to
                   1, of releasing a particle (default None: every cell does)
-    length:       how far a long trace may run, as a fraction of the width
-                  (default 1.0: across the map; 0: one visit per trace)
-    accumulation: weight of the linear part (default 0.0: only the saturating
-                  intensity, below about 0.03 per batch); larger values make
-                  big rivers stand out
+    length:       how far a long trace may run, as a fraction of the width,
+                  finite and >= 0 (default 1.0: across the map; 0: one visit
+                  per trace); a trace may take at most 2^24 steps
+    accumulation: weight of the linear part, finite (default 0.0: only the
+                  saturating intensity, below about 0.03 per batch); larger
+                  values make big rivers stand out
     seed:         seed of every random choice (default 1), 0 to 2^32 - 1
     progress:     callable(percent: float), called as the run advances; a
                   true return cancels (default None)
@@ -477,14 +560,14 @@ def flow(q, heights, mask=None, length=1.0, accumulation=0.0, seed=1, progress=N
     Returns the flow map. Raises Cancelled when cancelled; an
     exception raised by a callback cancels the run and is re-raised.
     """
-    handle = _queue(q)
     grid = _grid(heights)
     seeding = _mask(mask, grid.shape)
     # The library reads the seeding mask from the output grid.
     out = np.zeros_like(grid) if seeding is None else seeding
     rows, columns = grid.shape
-    record = _FlowParameters(columns, rows, length, accumulation, _int(seed, _u32, "seed"))
-    _run("FlowSimulation", _FlowSimulation, handle, 1 if seeding is None else 0, _ptr(grid), _ptr(out),
+    record = _FlowParameters(columns, rows, _float(length, "length", lambda x: 0 <= x < math.inf, "finite and >= 0"),
+                             _float(accumulation, "accumulation"), _int(seed, _u32, "seed"))
+    _run("FlowSimulation", q, _FlowSimulation, 1 if seeding is None else 0, _ptr(grid), _ptr(out),
          ctypes.byref(record), _TABLE, progress=progress, cancel=cancel)
     return out
 
@@ -518,7 +601,7 @@ def shade(q, heights, sun_azimuth=225.0, sun_elevation=35.0, shadow_rings=1, sun
     is given.
 
     sun_azimuth:    degrees from the +x axis (along a row) towards +y (down
-                    the rows) (default 225: light from the upper left)
+                    the rows), finite (default 225: light from the upper left)
     sun_elevation:  degrees above the horizon, 0 to 90 (default 35)
     shadow_rings:   rings of sun samples across the sun's disc, 0 to 64:
                     3n^2 + 3n + 1 samples (default 1: 7 samples)
@@ -531,11 +614,11 @@ def shade(q, heights, sun_azimuth=225.0, sun_elevation=35.0, shadow_rings=1, sun
     sky_visibility: compute sky visibility (default True); switched off it
                     counts as 1 everywhere, which is less than the about 2
                     that open flat ground gets with it on
-    terrain_size:   world width of the grid (default None: the width in
+    terrain_size:   world width of the grid, > 0 (default None: the width in
                     cells, so a cell is one height unit wide)
-    height_scale:   world height of one height unit (default 1.0)
-    exposure:       factor of the colour without albedo (default 0.6, which
-                    keeps sunlit ground below 1)
+    height_scale:   world height of one height unit, > 0 (default 1.0)
+    exposure:       factor of the colour without albedo, finite (default 0.6,
+                    which keeps sunlit ground below 1)
     albedo:         (rows, columns, 3) surface colour (default None)
     Returns a Shading.
 
@@ -544,36 +627,39 @@ def shade(q, heights, sun_azimuth=225.0, sun_elevation=35.0, shadow_rings=1, sun
     its last row or column, shaded with the same cell size, and cropped
     back; the repeated edge then stands in for the terrain beyond it.
     """
-    handle = _queue(q)
+    azimuth = math.radians(_float(sun_azimuth, "sun_azimuth"))
+    elevation = math.radians(_float(sun_elevation, "sun_elevation", lambda x: 0 <= x <= 90, "0 to 90 degrees"))
+    rings = _int(shadow_rings, _i32, "shadow_rings", 0, 64)
+    sun_size = _float(sun_size, "sun_size", lambda x: 0 <= x < 180, "0 to below 180 degrees")
+    directions = _int(sky_directions, _i32, "sky_directions", 1, 4096)
+    height_scale, exposure = _positive(height_scale, "height_scale"), _float(exposure, "exposure")
     grid = _grid(heights)
     rows, columns = grid.shape
+    size = columns if terrain_size is None else _positive(terrain_size, "terrain_size")
     colour = None
     if albedo is not None:
         colour = _real(albedo, "albedo")
         if colour.shape != (rows, columns, 3):
             raise ValueError(f"albedo must have shape {(rows, columns, 3)}, got {colour.shape}")
         colour = np.ascontiguousarray(np.moveaxis(colour, -1, 0), dtype=np.float32)
-    size = columns if terrain_size is None else terrain_size
     if (shadows or sky_visibility) and rows != columns:
         side = max(rows, columns)
         grid = np.pad(grid, ((0, side - rows), (0, side - columns)), mode="edge")
         if colour is not None:
             colour = np.pad(colour, ((0, 0), (0, side - rows), (0, side - columns)), mode="edge")
         size = size * side / columns  # the same cell size
-    azimuth, elevation = math.radians(sun_azimuth), math.radians(sun_elevation)
-    directions = _int(sky_directions, _i32, "sky_directions")
     record = _LightingParameters(
         width=grid.shape[1], height=grid.shape[0], terrain_size=size, height_scale=height_scale,
         sun_direction=(_f32 * 3)(math.cos(elevation) * math.cos(azimuth), math.cos(elevation) * math.sin(azimuth),
                                  math.sin(elevation)),
-        shadow_samples=_int(shadow_rings, _i32, "shadow_rings"), sun_size=sun_size, ao_mode=1 if hybrid_sky else 0,
+        shadow_samples=rings, sun_size=sun_size, ao_mode=1 if hybrid_sky else 0,
         ao_directions=directions, hybrid_ao_directions=directions, light_scale=1.0, sun_strength=1.0,
         sky_strength=_SKY_STRENGTH, sun_color=(_f32 * 3)(*_SUN_COLOUR), sky_color=(_f32 * 3)(*_SKY_COLOUR),
         exposure=exposure, sun_enabled=1, sky_enabled=1, shadows_enabled=bool(shadows),
         ao_enabled=bool(sky_visibility), ao_from_caller=0)
     planes = np.empty((6,) + grid.shape, np.float32)  # r, g, b, diffuse, shadow, sky
     albedo_planes = [None] * 3 if colour is None else list(colour)
-    _run("Shade", _Shade, handle, _ptr(grid), _ptr(planes[3]), _ptr(planes[4]) if shadows else None,
+    _run("Shade", q, _Shade, _ptr(grid), _ptr(planes[3]), _ptr(planes[4]) if shadows else None,
          _ptr(planes[5]) if sky_visibility else None, *map(_ptr, planes[:3]), *map(_ptr, albedo_planes),
          ctypes.byref(record), _TABLE)
     planes = planes[:, :rows, :columns]
@@ -582,16 +668,20 @@ def shade(q, heights, sun_azimuth=225.0, sun_elevation=35.0, shadow_rings=1, sun
                    np.ascontiguousarray(planes[5]) if sky_visibility else None)
 
 
+# The library's largest radius (a radius of 3e9 used to crash the process).
+_BLUR_MAX_RADIUS = 16777216.0
+
+
 def blur(q, heights, radius=12.0):
     """Blurs a square grid with an almost-Gaussian filter (edge cells repeated).
 
-    radius: in cells, finite and > 0 (default 12.0: four passes of a 25-cell
-            box); fractions weight the next cell out
+    radius: in cells, finite, > 0 and at most 16777216 (default 12.0: four
+            passes of a 25-cell box); fractions weight the next cell out
     Returns the blurred grid. The library takes grids up to 46340 cells wide.
     """
-    handle = _queue(q)
+    radius = _float(radius, "radius", lambda x: 0 < x <= _BLUR_MAX_RADIUS, "finite, > 0 and at most 16777216")
     grid = _grid(heights, square=True)
-    _run("Blur", _Blur, handle, _ptr(grid), grid.shape[0], radius, _TABLE)
+    _run("Blur", q, _Blur, _ptr(grid), grid.shape[0], radius, _TABLE)
     return grid
 
 
@@ -606,8 +696,9 @@ def rasterize(q, vertices, triangles, width, height, centre=(0.0, 0.0, 0.0), sca
         z' = (scale (z - centre[2]) + offset[2]) / depth_divisor - shift
     where cell (r, c) has its centre at x' = c + 0.5, y' = r + 0.5 (defaults:
     centre (0, 0, 0), scale 1.0, offset (0, 0, 0), depth_divisor 1.0, not 0,
-    shift 0.0). Only triangles whose corners run anticlockwise with x to the
-    right and y down, (x1 - x0)(y2 - y0) - (x2 - x0)(y1 - y0) < 0, are drawn.
+    shift 0.0; all finite). Only triangles whose corners run anticlockwise
+    with x to the right and y down, (x1 - x0)(y2 - y0) - (x2 - x0)(y1 - y0)
+    < 0, are drawn.
 
     width, height: 1 to 16384 cells (8192 with supersample)
     supersample:   render at twice the size and keep the highest of each
@@ -618,7 +709,6 @@ def rasterize(q, vertices, triangles, width, height, centre=(0.0, 0.0, 0.0), sca
     Returns heights (the highest triangle covering each cell centre, or
     numpy.finfo(numpy.float32).min where none does), or (heights, ids).
     """
-    handle = _queue(q)
     points = _real(vertices, "vertices")
     if points.ndim != 2 or points.shape[1] != 3:
         raise ValueError(f"vertices must have shape (N, 3), got {points.shape}")
@@ -633,17 +723,17 @@ def rasterize(q, vertices, triangles, width, height, centre=(0.0, 0.0, 0.0), sca
         raise ValueError(f"triangle indices must lie in [0, {len(points) - 1}]")
     points = np.ascontiguousarray(points, dtype=np.float32)
     corners = np.ascontiguousarray(corners, dtype=np.uint32)
-    rows, columns = _int(height, _i32, "height"), _int(width, _i32, "width")
-    if rows < 1 or columns < 1 or rows * columns > _MAX_CELLS:
-        raise ValueError(f"the grid must have 1 to 2^31 - 1 cells, got {rows} x {columns}")
+    side = 8192 if supersample else 16384
+    rows, columns = _int(height, _i32, "height", 1, side), _int(width, _i32, "width", 1, side)
     mesh = _Mesh(points.ctypes.data_as(_FLOATS), len(points), 0, corners.ctypes.data_as(ctypes.POINTER(_u32)),
                  len(corners), 0)
     # The library writes the rendered (doubled) size back into this record.
-    record = _RasterizerParameters(width=columns, height=rows, centre=_vector(centre, "centre"), scale=scale,
-                                   offset=_vector(offset, "offset"), depth_divisor=depth_divisor, shift=shift,
-                                   supersample=bool(supersample))
+    divisor = _float(depth_divisor, "depth_divisor", lambda x: x != 0 and math.isfinite(x), "finite and not 0")
+    record = _RasterizerParameters(width=columns, height=rows, centre=_vector(centre, "centre"),
+                                   scale=_float(scale, "scale"), offset=_vector(offset, "offset"),
+                                   depth_divisor=divisor, shift=_float(shift, "shift"), supersample=bool(supersample))
     out = np.empty((rows, columns), np.float32)
     winners = np.empty_like(out) if ids else None
-    _run("MeshRasterizer_RenderMesh", _RenderMesh, handle, ctypes.byref(mesh), _ptr(out), _ptr(winners),
+    _run("MeshRasterizer_RenderMesh", q, _RenderMesh, ctypes.byref(mesh), _ptr(out), _ptr(winners),
          ctypes.byref(record), _TABLE)
     return (out, winners) if ids else out

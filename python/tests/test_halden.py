@@ -4,6 +4,8 @@ import os
 import re
 import subprocess
 import sys
+import threading
+import time
 from pathlib import Path
 
 import numpy as np
@@ -75,6 +77,84 @@ def test_queue_lifetime_and_unknown_keys():
     queue.close()
     with pytest.raises(ValueError, match="closed"):
         halden.blur(queue, np.zeros((4, 4)))
+    with pytest.raises(ValueError, match="NUL"):
+        halden.Queue("cpu\0x")  # the library would read it as "cpu"
+    queue = halden.Queue()
+
+    class ClosesTheQueue:  # closes it while the call converts its arguments, before the call holds it
+        def __array__(self, dtype=None):
+            queue.close()
+            return np.zeros((4, 4))
+
+    with pytest.raises(ValueError, match="closed"):
+        halden.blur(queue, ClosesTheQueue())
+
+
+def test_a_callback_cannot_close_or_use_the_queue_of_its_call(q):
+    h = hills()
+    with halden.Queue() as queue:
+        for use in (queue.close, lambda: halden.blur(queue, h)):
+            with pytest.raises(RuntimeError, match="in use"):
+                halden.flow(queue, h, progress=lambda percent: use())
+        np.testing.assert_array_equal(halden.flow(queue, h), halden.flow(q, h))  # still open
+
+
+def test_close_from_another_thread_waits_for_the_running_call():
+    queue, running, closed, late = halden.Queue(), threading.Event(), threading.Event(), []
+
+    def slow(percent):
+        running.set()
+        if closed.is_set():
+            late.append(percent)
+        time.sleep(0.005)
+
+    worker = threading.Thread(target=halden.flow, args=(queue, hills()), kwargs={"progress": slow})
+    worker.start()
+    assert running.wait(10)
+    queue.close()
+    closed.set()
+    worker.join()
+    assert not late  # the call had returned before close() did
+
+
+def test_calls_on_two_queues_run_at_the_same_time(q):
+    h = hills()
+    started, other_done, waited = threading.Event(), threading.Event(), []
+
+    def wait_for_other(percent):
+        if not waited:
+            started.set()
+            waited.append(other_done.wait(10))
+
+    with halden.Queue() as queue:
+        worker = threading.Thread(target=halden.flow, args=(queue, h), kwargs={"progress": wait_for_other})
+        worker.start()
+        assert started.wait(10)
+        halden.blur(q, h)  # serialised, this would wait for the worker's call, which waits for it
+        other_done.set()
+        worker.join()
+    assert waited == [True]
+
+
+def test_concurrent_calls_keep_their_own_progress_and_cancels(q):
+    h = hills(16, 16)
+    expected = halden.flow(q, h)
+    cancelling, running = [], []
+
+    def rounds(stop, outcomes):
+        with halden.Queue() as queue:
+            for _ in range(20):
+                try:
+                    outcomes.append(np.array_equal(halden.flow(queue, h, progress=lambda percent: stop), expected))
+                except halden.Cancelled:
+                    outcomes.append("cancelled")
+
+    threads = [threading.Thread(target=rounds, args=job) for job in ((True, cancelling), (False, running))]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert cancelling == ["cancelled"] * 20 and running == [True] * 20
 
 
 @pytest.mark.parametrize("op", OPS.values(), ids=OPS.keys())
@@ -116,13 +196,42 @@ def test_bad_arguments_raise_value_error(q):
             call()
 
 
+def test_arguments_outside_their_documented_ranges_are_refused_by_name(q):
+    h = hills()
+    nan, inf = float("nan"), float("inf")
+    calls = [("sun_elevation", lambda: halden.shade(q, h, sun_elevation=120)),
+             ("shadow_rings", lambda: halden.shade(q, h, shadow_rings=-5)),
+             ("sun_size", lambda: halden.shade(q, h, sun_size=180)),
+             ("sky_directions", lambda: halden.shade(q, h, sky_directions=4097)),
+             ("terrain_size", lambda: halden.shade(q, h, terrain_size=0)),
+             ("height_scale", lambda: halden.shade(q, h, height_scale=1e39)),  # infinite as a float32
+             ("exposure", lambda: halden.shade(q, h, exposure=inf)),
+             ("sun_azimuth", lambda: halden.shade(q, h, sun_azimuth=nan)),
+             ("extent", lambda: halden.thermal_shape(q, h, extent=-1.0)),
+             ("length", lambda: halden.flow(q, h, length=nan)),
+             ("radius", lambda: halden.median_filter(q, h, radius=0)),
+             ("depth_divisor", lambda: halden.rasterize(q, np.zeros((3, 3)), [[0, 1, 2]], 4, 4, depth_divisor=0)),
+             ("radius", lambda: halden.blur(q, h, radius=3e9))]  # last: it crashed the interpreter
+    for word, call in calls:
+        with pytest.raises(ValueError, match=word):
+            call()
+
+
+def test_median_filter_warns_of_values_above_1e8(q):
+    h = hills()
+    h[3, 4], h[20, 20] = np.inf, 2e8
+    with pytest.warns(RuntimeWarning, match="2 cells"):
+        halden.median_filter(q, h)
+
+
 def test_library_failures_raise_with_its_texts(q):
     h = hills()
-    calls = [(lambda: halden.median_filter(q, h, radius=0), "radius"),
-             (lambda: halden.blur(q, h, radius=float("nan")), "radius"),
-             (lambda: halden.thermal_shape(q, h, extent=-1.0), "extent"),
-             (lambda: halden.flow(q, h, length=-1.0), "length"),
-             (lambda: halden.rasterize(q, np.zeros((3, 3)), [[0, 1, 2]], 4, 4, depth_divisor=0), "depth_divisor")]
+    # MedianFilter reports with status 0; the binding refuses a bad radius
+    # itself, so a null grid is what still reaches the library.
+    null_grid = (halden._MedianFilter, None, ctypes.byref(halden._MedianParameters(4, 2, 1, 0)))
+    calls = [(lambda: halden._run("MedianFilter", q, *null_grid), "grid"),
+             (lambda: halden.thermal_shape(q, h, level_factor=1e30), "levels"),
+             (lambda: halden.flow(q, h, length=1e6), "length")]  # past the 2^24 steps a trace may take
     for call, word in calls:
         with pytest.raises(halden.HaldenError) as caught:
             call()
