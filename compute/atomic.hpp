@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <type_traits>
 
 #include "compute/types.hpp"
 
@@ -38,27 +39,21 @@ HALDEN_HD inline std::uint32_t atomic_compare_exchange(std::uint32_t* target, st
 #endif
 }
 
-// Keeps the greater of *target and `value`; returns the value found. Integer
-// maxima are order-independent, which float updates are not: pack a float as
-// an ordered key (core/bits.hpp) to take its maximum this way.
-HALDEN_HD inline std::uint32_t atomic_max(std::uint32_t* target, std::uint32_t value) {
+// Keeps the greater of *target and `value` (32- or 64-bit unsigned);
+// returns the value found. Integer maxima are order-independent, which float
+// updates are not: pack a float as an ordered key (core/bits.hpp) to take its
+// maximum this way.
+template <class U>
+HALDEN_HD inline U atomic_max(U* target, U value) {
+    static_assert(std::is_same_v<U, std::uint32_t> || std::is_same_v<U, std::uint64_t>, "unsigned 32 or 64 bits");
 #if defined(__CUDA_ARCH__)
-    return atomicMax(reinterpret_cast<unsigned int*>(target), value);
+    if constexpr (sizeof(U) == 4)
+        return atomicMax(reinterpret_cast<unsigned int*>(target), value);
+    else
+        return atomicMax(reinterpret_cast<unsigned long long*>(target), static_cast<unsigned long long>(value));
 #else
-    std::atomic_ref<std::uint32_t> a(*target);
-    std::uint32_t seen = a.load(std::memory_order_relaxed);
-    while (seen < value && !a.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
-    }
-    return seen;
-#endif
-}
-
-HALDEN_HD inline std::uint64_t atomic_max(std::uint64_t* target, std::uint64_t value) {
-#if defined(__CUDA_ARCH__)
-    return atomicMax(reinterpret_cast<unsigned long long*>(target), static_cast<unsigned long long>(value));
-#else
-    std::atomic_ref<std::uint64_t> a(*target);
-    std::uint64_t seen = a.load(std::memory_order_relaxed);
+    std::atomic_ref<U> a(*target);
+    U seen = a.load(std::memory_order_relaxed);
     while (seen < value && !a.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
     }
     return seen;

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Two application threads, each with its own queue: one cancels every call
-// (or fails it with an injected device fault), the other never does. The
-// other's statuses, results and callbacks must not notice, bit for bit.
+// Threads: every operation gives the same bits on one worker thread and on
+// two; and of two application threads, each with its own queue, one cancels
+// every call (or fails it with an injected device fault) while the other's
+// statuses, results and callbacks do not notice, bit for bit.
 #include <gtest/gtest.h>
+
+#include <omp.h>
 
 #include <cstdint>
 #include <string>
@@ -120,6 +123,34 @@ TEST(Threads, OneQueueCancellingOrFailingNeverReachesAnother) {
         EXPECT_TRUE(f.empty()) << f.size() << " failures, the first: " << f.front();
     DestroySyclQueue(calm);
     DestroySyclQueue(restless);
+}
+
+TEST(Threads, OneWorkerThreadAndTwoGiveTheSameBits) {
+    const halden_callbacks cb = thread_table();
+    halden_queue* q = CreateSyclQueue("cpu", nullptr);
+    ASSERT_NE(q, nullptr);
+    const auto everything = [&] {
+        results r = run_all(q, cb);
+        std::vector<float> h = hills(), median = h, blurred = h, shaped = h;
+        const halden_median_filter_parameters m{n, 3, 2, 0};
+        MedianFilter(q, median.data(), &m);
+        EXPECT_EQ(Blur(q, blurred.data(), n, 2.5f, &cb), 0u);
+        const halden_thermal_shaper_parameters t{n, n, 1.0f, float(n), 0.125f, 1.0f, -0.5f, 0};
+        EXPECT_EQ(ThermalShaper_Process(q, shaped.data(), nullptr, &t, &cb), 0u);
+        for (const std::vector<float>* v : {&median, &blurred, &shaped, &r.ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
+        return r;
+    };
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(1);
+    const results one = everything();
+    omp_set_num_threads(2);
+    const results two = everything();
+    omp_set_num_threads(before);
+    EXPECT_EQ(one.status[0] + one.status[1] + one.status[2], 0u);
+    expect_same_bits(two.flow, one.flow);
+    expect_same_bits(two.light, one.light);
+    expect_same_bits(two.mesh, one.mesh);
+    DestroySyclQueue(q);
 }
 
 }  // namespace

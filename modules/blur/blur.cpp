@@ -10,8 +10,6 @@ halden_callbacks callbacks{};
 
 namespace detail {
 
-namespace {
-
 // One running-sum box pass over every row. The full-weight part of the
 // initial sum runs over s[start] .. s[start + r - 1]: start 1 is the dune
 // blur's pass, which counts s[r] where s[0] belongs (a bias of
@@ -65,8 +63,6 @@ void running_pass(queue& q, const float* src, float* dst, int n, float radius, i
         }
     });
 }
-
-}  // namespace
 
 template <bool Rows, bool SameLayout>
 void fastblur_half_pass(queue& q, const float* src, float* dst, int n, float radius) {
