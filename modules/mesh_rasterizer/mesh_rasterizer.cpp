@@ -118,6 +118,8 @@ std::string check(const Mesh* mesh, const Parameters& p) {
     return {};
 }
 
+void clear_winners(queue& q, std::uint64_t* w, std::size_t n);
+
 std::uint64_t memory_estimate(const Mesh& mesh, const Parameters& p) {
     return 16u * std::uint64_t(mesh.vertex_count) + 16u * std::uint64_t(mesh.triangle_count) +
            (p.supersample ? 52u : 16u) * std::uint64_t(p.width) * std::uint64_t(p.height);
@@ -149,8 +151,7 @@ MeshRasterizer::MeshRasterizer(queue& q, const Mesh& mesh, const Parameters& par
         m_ids = grid(q, m_heights.extent(), "triangle ids");
         fill(m_ids, no_triangle);
         m_winners = usm_ptr<std::uint64_t, 1>(q, {m_heights.extent().count()}, "cell winners");
-        std::uint64_t* w = m_winners.get();
-        q.parallel_for(range<1>{m_winners.size()}, HALDEN_KERNEL(std::size_t i) { w[i] = no_winner; });
+        clear_winners(q, m_winners.get(), m_winners.size());
     }
 }
 
@@ -391,16 +392,23 @@ template void MeshRasterizer::render3_cpu<true, false, true, false>(std::uint32_
 template void MeshRasterizer::render3_cpu<true, true, true, false>(std::uint32_t*);
 template void MeshRasterizer::render3_cpu<false, false, false, true>(std::uint32_t*);
 
-void MeshRasterizer::resolve_winners() {
-    const std::uint64_t* w = m_winners.get();
-    float* heights = m_heights.get();
-    float* ids = m_ids.get();
-    m_queue.parallel_for(range<1>{m_winners.size()}, HALDEN_KERNEL(std::size_t i) {
+// Kernels live in free functions: a device lambda may not be defined in a
+// constructor or a private member.
+void clear_winners(queue& q, std::uint64_t* w, std::size_t n) {
+    q.parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t i) { w[i] = no_winner; });
+}
+
+void resolve_winners(queue& q, const std::uint64_t* w, float* heights, float* ids, std::size_t n) {
+    q.parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t i) {
         const std::uint64_t won = w[i];
         if (won == no_winner) return;
         heights[i] = halden::key_float(std::uint32_t(won >> 32));
         ids[i] = triangle_value(~std::uint32_t(won));
     });
+}
+
+void MeshRasterizer::resolve_winners() {
+    mesh_rasterizer::resolve_winners(m_queue, m_winners.get(), m_heights.get(), m_ids.get(), m_winners.size());
 }
 
 void MeshRasterizer::reduce_supersampled(float* h_heights, float* h_ids, int width, int height) {
