@@ -7,8 +7,8 @@
 #include <stdexcept>
 
 #include "core/math.hpp"
-#include "device/messages.hpp"
 #include "core/random.hpp"
+#include "device/messages.hpp"
 #include "modules/flow/laplacian_level.hpp"
 
 namespace flow {

@@ -231,10 +231,9 @@ constexpr std::uint64_t fragment_batch = std::uint64_t(1) << 24;
 template <bool Heights, bool Values, bool Third, bool Ids>
 std::uint64_t MeshRasterizer::render(float max_size) {
     static_assert(Heights && Third && !Ids, "the fragment renderer writes heights (and values)");
-    if (Values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
     const std::size_t count = m_triangles.size();
     if (count == 0) return 0;
-    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_winners.get(),
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), winners(Values),
                    halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
     const float limit = std::trunc(max_size) * std::trunc(max_size);
 
@@ -337,10 +336,9 @@ HALDEN_HD bool clamped_box(const vertex& a, const vertex& b, const vertex& c, in
 
 template <bool Heights, bool Values, bool Third, bool Ids>
 void MeshRasterizer::render3(std::uint32_t* identifiers) {
-    if (Values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
     const std::size_t count = m_triangles.size();
     if (count == 0) return;
-    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_winners.get(),
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), winners(Values),
                    halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
     constexpr std::uint32_t group = 64;
     m_queue.parallel_for_work_group<float>(
@@ -364,10 +362,9 @@ void MeshRasterizer::render3(std::uint32_t* identifiers) {
 
 template <bool Heights, bool Values, bool Third, bool Ids>
 void MeshRasterizer::render3_cpu(std::uint32_t* identifiers) {
-    if (Values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
     const std::size_t count = m_triangles.size();
     if (count == 0) return;
-    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), m_winners.get(),
+    const raster r{m_vertices.get(), m_triangles.get(), m_vertex_count, m_heights.get(), winners(Values),
                    halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
     m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
         const std::uint32_t t = std::uint32_t(i);
@@ -405,6 +402,11 @@ void resolve_winners(queue& q, const std::uint64_t* w, float* heights, float* id
         heights[i] = halden::key_float(std::uint32_t(won >> 32));
         ids[i] = triangle_value(~std::uint32_t(won));
     });
+}
+
+std::uint64_t* MeshRasterizer::winners(bool values) {
+    if (values && !m_winners.get()) throw std::logic_error("triangle values need a rasterizer made with ids");
+    return m_winners.get();
 }
 
 void MeshRasterizer::resolve_winners() {

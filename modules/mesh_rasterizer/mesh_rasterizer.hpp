@@ -90,6 +90,8 @@ public:
     const grid& ids() const { return m_ids; }
 
 private:
+    // The packed winners a render writes into; a render with values needs them.
+    std::uint64_t* winners(bool values);
     // Heights and values from the packed winners of a render with values.
     void resolve_winners();
 
