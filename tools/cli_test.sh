@@ -145,15 +145,22 @@ expect 3 "a flow record the library rejects" "$halden" flow demo/terrain.npy out
 check "the library's reason reaches stderr" grep -q 'at most 2^24 steps' err.txt
 check "one failure makes one line" test "$(wc -l <err.txt)" = 1
 
-# Ctrl-C: a 512x512 grid runs long enough for SIGINT to arrive during the run.
-# The tool installs its handler just before; /proc shows when (SigCgt bit 2).
-if [ -r /proc/self/status ]; then
-    for _ in $(seq 64); do cat terrain.raw; done >big.raw
+# interrupt WHAT OUT COMMAND...: sends Ctrl-C to COMMAND once its handler is
+# installed (/proc shows when: SigCgt bit 2) and checks that it exits 3 and
+# leaves OUT unwritten. A 512x512 grid runs long enough for SIGINT to arrive
+# during the run.
+interrupt() {
+    local what=$1 out=$2
+    shift 2
+    if [ ! -r /proc/self/status ]; then
+        echo "skip: Ctrl-C cancels $what (no /proc)"
+        return
+    fi
     set -m  # so the background run does not start with SIGINT ignored
-    "$halden" flow big.raw cancelled.raw --size 512 >out.txt 2>err.txt &
-    pid=$!
+    "$@" >out.txt 2>err.txt &
+    local pid=$!
     set +m
-    caught=
+    local caught= sig
     for _ in $(seq 1000); do
         sig=$(awk '/^SigCgt:/ { print $2 }' "/proc/$pid/status" 2>/dev/null)
         if [ -z "$sig" ]; then break; fi
@@ -162,14 +169,15 @@ if [ -r /proc/self/status ]; then
     done
     kill -INT "$pid" 2>/dev/null
     wait "$pid"
-    got=$?
-    if [ -n "$caught" ] && [ "$got" = 3 ]; then pass "Ctrl-C cancels flow with exit 3"; else
-        flunk "Ctrl-C cancels flow with exit 3: exit $got, handler seen: ${caught:-no}"
+    local got=$?
+    if [ -n "$caught" ] && [ "$got" = 3 ]; then pass "Ctrl-C cancels $what with exit 3"; else
+        flunk "Ctrl-C cancels $what with exit 3: exit $got, handler seen: ${caught:-no}"
     fi
-    check "a cancelled flow writes nothing" test ! -e cancelled.raw
-else
-    echo "skip: Ctrl-C cancels flow (no /proc)"
-fi
+    check "a cancelled $what writes nothing" test ! -e "$out"
+    check "a cancelled $what says so" grep -qx "halden: error: cancelled; $out not written" err.txt
+}
+for _ in $(seq 64); do cat terrain.raw; done >big.raw
+interrupt flow cancelled.raw "$halden" flow big.raw cancelled.raw --size 512
 
 # --- shade ------------------------------------------------------------------------------------
 expect 0 "shade, defaults" "$halden" shade demo/terrain.npy shaded.png
@@ -201,6 +209,46 @@ expect 2 "shade with an extra grid that cannot be written" "$halden" shade demo/
     --sun-azimuth 90 --diffuse no-such-dir/diffuse.npy
 check "the picture is kept and no temporary is left" eval 'cmp -s kept.png shaded.png && ! ls -a | grep -q halden-'
 expect 1 "shade --sun-elevation 91" "$halden" shade demo/terrain.npy out.png --sun-elevation 91
+# Shading polls for Ctrl-C once, late: a larger grid and more samples keep it
+# busy long enough on a fast machine.
+for _ in $(seq 4); do cat big.raw; done >bigger.raw
+interrupt shade cancelled.png "$halden" shade bigger.raw cancelled.png --size 1024 --shadows 2 --ao 73
+
+# Pictures are deflate-compressed: a flat grid under an overhead sun is one
+# colour, (sun + 0.4 sky) x exposure, in far fewer bytes than its pixels, and
+# the demo's relief still comes out well below them. The decoder undoes every
+# row filter, so the pixels are checked, not only the stream.
+printf '\x00\x00\x00\x00%.0s' $(seq "$cells") >flat.raw
+expect 0 "shade a flat grid" "$halden" shade flat.raw flat.png --sun-elevation 90 --no-ao --exposure 0.5
+check "the flat picture is compressed" test "$(wc -c <flat.png)" -lt $((cells * 3 / 10))
+check "the demo's relief is compressed" test "$(wc -c <demo/relief.png)" -lt $((cells * 3 * 3 / 4))
+png_pixels='import struct, sys, zlib
+d = open(sys.argv[1], "rb").read(); assert d[:8] == b"\x89PNG\r\n\x1a\n"
+at, idat = 8, b""
+while at < len(d):
+    (n,) = struct.unpack(">I", d[at:at + 4]); kind, body = d[at + 4:at + 8], d[at + 8:at + 8 + n]
+    assert struct.unpack(">I", d[at + 8 + n:at + 12 + n])[0] == zlib.crc32(kind + body)
+    if kind == b"IHDR": w, h, depth, colour = struct.unpack(">IIBB", body[:10]); assert (depth, colour) == (8, 2)
+    if kind == b"IDAT": idat += body
+    at += 12 + n
+raw, stride, prev, pixels = zlib.decompress(idat), 3 * w, bytearray(3 * w), set()
+for y in range(h):
+    kind, line = raw[y * (stride + 1)], bytearray(raw[y * (stride + 1) + 1:(y + 1) * (stride + 1)])
+    for i in range(stride):
+        a, b, c = line[i - 3] if i >= 3 else 0, prev[i], prev[i - 3] if i >= 3 else 0
+        p = a + b - c
+        paeth = a if abs(p - a) <= min(abs(p - b), abs(p - c)) else b if abs(p - b) <= abs(p - c) else c
+        line[i] = (line[i] + [0, a, b, (a + b) // 2, paeth][kind]) & 255
+    pixels |= {tuple(line[i:i + 3]) for i in range(0, stride, 3)}
+    prev = line
+def srgb(x): return round(255 * (12.92 * x if x <= 0.0031308 else 1.055 * x ** (1 / 2.4) - 0.055))
+want = tuple(srgb(0.5 * (s + 0.4 * k)) for s, k in zip((1, 0.95, 0.85), (0.6, 0.7, 1)))
+assert (w, h) == (64, 64) and len(pixels) == 1 and all(abs(x - y) <= 1 for x, y in zip(pixels.pop(), want))'
+py "the flat picture decodes to its one colour" "$png_pixels" flat.png
+if [ -n "$gdal" ]; then
+    expect 0 "GDAL reads the relief back" "$halden" median demo/relief.png relief.npy --iterations 0
+    check "as a 64x64 grid" grep -q '^median 64x64,' out.txt
+fi
 
 # --- blur --------------------------------------------------------------------------------------
 expect 0 "blur, defaults" "$halden" blur demo/terrain.npy blurred.npy
@@ -303,6 +351,39 @@ npy "{'descr': '<f4', 'fortran_order': False, 'shape': (1, 1), " '\x00\x00\x80\x
 expect 2 "a .npy header without its closing brace" "$halden" blur open.npy open-out.npy
 expect 2 "an output without an extension" "$halden" blur demo/terrain.npy no-extension
 check "it names the file and the formats" grep -q 'no-extension: no extension .*name it \.npy, ' err.txt
+
+# --- what every command shares ----------------------------------------------------------------
+# Every operation command takes --no-progress and prints its times under --json.
+printf 'v 0 0 2\nv 1 0 2\nv 0 1 2\nf 1 2 3\n' >tri.obj
+runs=("median demo/terrain.npy j.npy" "thermal-shape demo/terrain.npy j.npy" "flow demo/terrain.npy j.npy"
+    "shade demo/terrain.npy j.png" "blur demo/terrain.npy j.npy" "rasterize tri.obj j.npy --size 8 8"
+    "demo --size 16 --out j --dem none")
+for run in "${runs[@]}"; do
+    # shellcheck disable=SC2086  # each entry is a command and its arguments
+    expect 0 "${run%% *} --no-progress --json" "$halden" $run --no-progress --json
+    check "${run%% *} --json gives its times" grep -q \
+        '^{.*"timings": {"read": [0-9.]*, "run": [0-9.]*, "write": [0-9.]*, "total": [0-9.]*}}$' out.txt
+done
+check "rasterize --json keeps its counts" grep -q '"vertices": 3, "triangles": 1, "covered": ' <(
+    "$halden" rasterize tri.obj j.npy --size 8 8 --json)
+expect 1 "demo --size 0" "$halden" demo --size 0
+expect 1 "devices with an argument" "$halden" devices extra
+# Values as --x=V and negative numbers after an option; mistakes are one line.
+expect 0 "--radius=3 and --range with negative heights" "$halden" median demo/terrain.npy m3.npy --radius=3 \
+    --range -100 1100 --quiet
+expect 1 "an option without its value" "$halden" median demo/terrain.npy out.npy --radius
+check "it says so in one line" eval 'test "$(wc -l <err.txt)" = 1 && grep -qx "halden: error: --radius needs a value" err.txt'
+expect 1 "--range with one value" "$halden" blur demo/terrain.npy out.npy --range 1
+check "it asks for two" grep -qx 'halden: error: --range needs two values, given as --range LO HI' err.txt
+expect 1 "an unknown option" "$halden" flow demo/terrain.npy out.npy --frobnicate
+check "it names the option" grep -qx 'halden: error: unknown option --frobnicate (see --help)' err.txt
+expect 1 "a missing OUT" "$halden" blur demo/terrain.npy
+check "it names what is missing" grep -qx 'halden: error: blur needs IN and OUT (see halden blur --help)' err.txt
+expect 1 "no command" "$halden"
+check "the usage goes to stderr" eval 'test ! -s out.txt && grep -q "^usage: halden <command>" err.txt'
+expect 0 "--help" "$halden" --help
+check "--help lists every command" bash -c 'for c in devices median thermal-shape flow shade blur rasterize demo; do
+    grep -q "^  $c " out.txt || exit 1; done'
 
 # --- common failures and help ------------------------------------------------------------------
 for command in median thermal-shape flow blur; do

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "grid_io.hpp"
+#include "formats/grid_io.hpp"
 
 // A deterministic fractal terrain of size x size cells, heights in metres
 // roughly 0 to 1000, sprinkled with single-cell spikes and pits.

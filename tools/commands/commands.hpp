@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// The registry: every command of the tool, one line each, in the order
+// 'halden --help' lists them.
+//
+//   X(FACTORY, "NAME", "SUMMARY")
+//
+// NAME is the command word, SUMMARY its line in 'halden --help', and FACTORY
+// the function its file (commands/NAME.cpp) defines:
+//
+//   std::unique_ptr<cli::Command> commands::FACTORY() { return std::make_unique<MyCommand>(); }
+#pragma once
+
+#include <memory>
+
+#include "cli/command.hpp"
+
+#define HALDEN_COMMANDS(X)                                                                                    \
+    X(devices, "devices", "list the devices and their keys")                                                  \
+    X(median, "median", "median-filter a square height grid")                                                 \
+    X(thermal_shape, "thermal-shape", "wear down the ridges (or fill the valleys) of a height grid")          \
+    X(flow, "flow", "map where water runs on a height grid")                                                  \
+    X(shade, "shade", "light a height grid with sun and sky and write a PNG picture")                         \
+    X(blur, "blur", "blur a square grid with an almost-Gaussian filter")                                      \
+    X(rasterize, "rasterize", "render a triangle mesh (Wavefront OBJ) into a height grid")                    \
+    X(demo, "demo", "shape, flow-map and shade a generated terrain and a real one into pictures")
+
+namespace commands {
+
+#define HALDEN_DECLARE_COMMAND(factory, name, summary) std::unique_ptr<cli::Command> factory();
+HALDEN_COMMANDS(HALDEN_DECLARE_COMMAND)
+#undef HALDEN_DECLARE_COMMAND
+
+struct Entry {
+    const char* name;
+    const char* summary;
+    std::unique_ptr<cli::Command> (*make)();
+};
+
+#define HALDEN_COMMAND_ENTRY(factory, name, summary) {name, summary, factory},
+inline constexpr Entry kCommands[] = {HALDEN_COMMANDS(HALDEN_COMMAND_ENTRY)};
+#undef HALDEN_COMMAND_ENTRY
+
+}  // namespace commands

@@ -1,0 +1,360 @@
+// SPDX-License-Identifier: Apache-2.0
+// halden demo: median-filters, shapes, flow-maps and shades a generated
+// terrain and a real elevation model into pictures, timing every step, on
+// one device or on all of them, compared bit for bit.
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/device.hpp"
+#include "cli/files.hpp"
+#include "cli/messages.hpp"
+#include "cli/options.hpp"
+#include "cli/progress.hpp"
+#include "commands/commands.hpp"
+#include "commands/runs.hpp"
+#include "commands/terrain.hpp"
+
+namespace {
+
+// The real elevation model the demo shades when Debian's
+// python-matplotlib-data is installed: a 3 arc-second model of a fault zone
+// in Tennessee, heights in metres. Its cells are about 75 m wide east-west
+// (93 m north-south), and the file carries no georeference.
+const char kSampleDem[] = "/usr/share/matplotlib/mpl-data/sample_data/jacksboro_fault_dem.npz";
+constexpr float kSampleCellMetres = 75.0f;
+// Landscapes are gentle at the scale of a whole map: the demo's pictures
+// shade their heights three times over to bring the hills out.
+constexpr float kPictureRelief = 3.0f;
+
+// The demo's runs: every step on each of its devices, timed, and the
+// devices' results compared bit for bit.
+class DemoRun {
+  public:
+    DemoRun(cli::Context& context, std::vector<std::string> keys) : context_(context), keys_(std::move(keys)) {}
+
+    // Runs `operation(queue, grid, timing)`, which works on `grid`, a copy of
+    // `input`, on every device, and returns the first device's result (no
+    // cells when every device failed or Ctrl-C was pressed).
+    template <class Operation>
+    Grid run(const std::string& step, const Grid& input, double mcells, Operation operation) {
+        std::vector<Grid> results;
+        const cli::Common& common = context_.common;
+        for (const std::string& key : keys_) {
+            if (cli::interrupted()) return Grid{};
+            const cli::Stopwatch watch;
+            halden_queue* queue = CreateSyclQueue(key.c_str(), cli::callbacks());
+            Grid grid = input;
+            cli::Timing timing{};
+            uint32_t status = HALDEN_STATUS_DEVICE_ERROR;
+            {
+                cli::ProgressBar progress(step, cli::progress_wanted(common.quiet, common.json, common.no_progress));
+                if (queue) status = operation(queue, grid, timing);
+                DestroySyclQueue(queue);
+                // Waiting for the queue may report late failures too.
+                if (cli::library_error()) status = HALDEN_STATUS_DEVICE_ERROR;
+                if (status == HALDEN_STATUS_OK) progress.complete();
+            }
+            context_.timings.run += watch.milliseconds();
+            const std::string reason = cli::library_reason();
+            if (cli::interrupted()) return Grid{};
+            if (status != HALDEN_STATUS_OK) {
+                failed_ = true;
+                cli::fail(cli::kDevice, "%s failed on %s%s%s", step.c_str(), key.c_str(),
+                          !queue                                  ? " (no queue)"
+                          : status == HALDEN_STATUS_OUT_OF_MEMORY ? " (not enough device memory)"
+                                                                  : "",
+                          reason.c_str());
+                continue;
+            }
+            record(step, key, timing.milliseconds,
+                   timing.milliseconds > 0.0 ? mcells / (timing.milliseconds * 1e3) : 0.0);
+            results.push_back(std::move(grid));
+        }
+        for (size_t i = 1; i < results.size(); ++i) {
+            const bool same = results[i].cells == results[0].cells ||
+                              std::memcmp(results[i].cells.data(), results[0].cells.data(),
+                                          results[0].cells.size() * sizeof(float)) == 0;
+            if (!same) say("  " + step + ": the devices' results differ");
+            agree_ = agree_ && same;
+        }
+        compared_ = compared_ || results.size() > 1;
+        return results.empty() ? Grid{} : std::move(results[0]);
+    }
+
+    // Records a step's time; host steps have no device and no rate.
+    void record(const std::string& step, const std::string& device, double milliseconds, double rate = 0.0) {
+        steps_.push_back({step, device, milliseconds});
+        if (silent()) return;
+        std::printf("  %-28s %10.1f ms", step.c_str(), milliseconds);
+        if (rate > 0.0) std::printf("  %8.1f Mcells/s", rate);
+        if (keys_.size() > 1 && !device.empty()) std::printf("  on %s", device.c_str());
+        std::printf("\n");
+    }
+
+    void say(const std::string& line) const {
+        if (!silent()) std::printf("%s\n", line.c_str());
+    }
+
+    // Exit status: 3 when a device failed, else 4 when results differ.
+    int status() const { return failed_ ? cli::kDevice : agree_ ? cli::kOk : cli::kDisagree; }
+
+    void print_json(const std::string& out) const {
+        std::string devices = "[", steps = "[";
+        for (size_t i = 0; i < keys_.size(); ++i) devices += (i ? ", " : "") + cli::json_string(keys_[i]);
+        for (size_t i = 0; i < steps_.size(); ++i)
+            steps += (i ? ", " : "") + cli::JsonObject()
+                                           .add("step", steps_[i].name)
+                                           .raw("device", steps_[i].device.empty()
+                                                              ? "null"
+                                                              : cli::json_string(steps_[i].device))
+                                           .add("milliseconds", steps_[i].milliseconds)
+                                           .text();
+        std::printf("%s\n", cli::JsonObject()
+                                .raw("devices", devices + "]")
+                                .add("out", out)
+                                .raw("steps", steps + "]")
+                                .add("compared", compared_)
+                                .add("agree", agree_)
+                                .raw("timings", cli::json_timings(context_.timings))
+                                .text()
+                                .c_str());
+    }
+
+  private:
+    bool silent() const { return context_.common.quiet || context_.common.json; }
+
+    struct Step {
+        std::string name, device;
+        double milliseconds;
+    };
+    cli::Context& context_;
+    std::vector<std::string> keys_;
+    std::vector<Step> steps_;
+    bool failed_ = false, agree_ = true, compared_ = false;
+};
+
+// The flow map over the shaded relief: water blue, opaque from a third of
+// the map's saturating range up. `planes` are shade_grid's.
+bool write_flow_picture(PendingOutputs& outputs, const std::string& path, const Grid& flow,
+                        const std::vector<float>& planes, std::string& error) {
+    const size_t cells = flow.cells.size();
+    std::vector<float> rgb(planes.begin(), planes.begin() + 3 * cells);
+    const float water[3] = {0.02f, 0.18f, 0.75f};
+    for (size_t i = 0; i < cells; ++i) {
+        const float f = flow.cells[i];
+        const float a = f > 0.0f ? std::min(3.0f * f, 1.0f) : 0.0f;
+        for (size_t k = 0; k < 3; ++k) rgb[k * cells + i] = rgb[k * cells + i] * (1.0f - a) + water[k] * a;
+    }
+    return cli::write_picture(outputs, path, flow.width, flow.height, rgb.data(), rgb.data() + cells,
+                              rgb.data() + 2 * cells, error);
+}
+
+class DemoCommand final : public cli::Command {
+  public:
+    void define(cli::Definition& d) override {
+        d.description(
+            "Generates a deterministic fractal terrain of N x N cells with spikes and pits,\n"
+            "heights 0 to 1000 m, read as a map 10 km wide, and runs on it, one after the\n"
+            "other: the median filter (radius 3, 2 iterations) against the spikes and pits,\n"
+            "the thermal shaper (amount -0.5, strength 1), the flow map of the shaped terrain\n"
+            "(length 0.5, accumulation 1, seed 1) and its shading ('halden shade' defaults,\n"
+            "heights three times over, as landscapes are gentle at map scale). Then shapes,\n"
+            "flow-maps and shades a real elevation model the same way.\n"
+            "Prints the time of every step and writes pictures into DIR.\n");
+        d.whole("--size", size_, 1, 32768, "N", "side of the terrain (default 1024)");
+        d.text("--out", dir_, "DIR",
+               "the folder for the results (default demo-output): relief.png (the shaded relief), flow.png (the "
+               "flow map over the relief), terrain.npy, median.npy, thermal.npy and flow.npy, and for the real "
+               "model dem-relief.png and dem-flow.png");
+        dem_option_ = &d.text(
+            "--dem", dem_, "FILE|none",
+            "the real elevation model, in any format halden reads (default: the sample of Debian's "
+            "python-matplotlib-data, a 3 arc-second model of a fault zone in Tennessee, skipped when not "
+            "installed; a file without georeference is taken as cells 75 m wide); none skips it");
+        d.operation(R"({"devices", "out", "steps": [{"step", "device", "milliseconds"}], "compared", "agree", )"
+                    R"("timings"})",
+                    cli::Definition::Grids::kNone, "KEY|all",
+                    "cpu (default), gpu, a key listed by 'halden devices', or all: every step on every listed "
+                    "device, checking that their results agree bit for bit");
+        d.footer(
+            "Ctrl-C stops the demo after its current step; the files written before stay.\n"
+            "Exits 0, 2 when a file cannot be read or written, 3 when a device failed or the\n"
+            "demo was cancelled, or else 4 when the devices' results differ.\n");
+    }
+
+    int run(cli::Context& c) override {
+        std::vector<std::string> keys;
+        if (c.common.device == "all") {
+            const cli::DeviceList list;
+            for (uint32_t i = 0; i < list.count; ++i) keys.push_back(cli::device_key(list.records[i]));
+            if (keys.empty()) return cli::fail(cli::kDevice, "no devices listed");
+        } else {
+            halden_queue* queue = nullptr;
+            std::string key;
+            if (const int code = cli::open_queue(c.common.device, queue, key); code != cli::kOk) return code;
+            DestroySyclQueue(queue);
+            keys.push_back(key);
+        }
+        std::error_code ec;
+        std::filesystem::create_directories(dir_, ec);
+        if (ec) return cli::fail(cli::kIo, "%s: %s", dir_.c_str(), ec.message().c_str());
+
+        DemoRun demo(c, keys);
+        if (keys.size() == 1)
+            demo.say("on " + keys[0] + ", results in " + dir_ + "/");
+        else
+            demo.say("on " + std::to_string(keys.size()) + " devices, compared bit for bit; results in " + dir_ +
+                     "/");
+
+        const cli::Stopwatch generating;
+        const Grid terrain = make_terrain(size_);
+        demo.record("generate terrain " + std::to_string(size_) + "x" + std::to_string(size_), "",
+                    generating.milliseconds());
+        constexpr uint32_t kRadius = 3, kIterations = 2;
+        const Grid median = demo.run("median filter", terrain, static_cast<double>(terrain.cells.size()) * kIterations,
+                                     [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                                         return commands::run_median(q, g, kRadius, kIterations, t);
+                                     });
+        // The terrain's relief is 0 to 1000 m at any N while its features
+        // scale with the grid, so it is read as a map of fixed width: heights
+        // in metres over 10 km, which gives steep-hill slopes at every N. The
+        // peaks then lose about a quarter of their height: visible, yet the
+        // landscape keeps its shape. One metre per cell would turn the same
+        // relief into cliffs.
+        constexpr float kExtentMetres = 10000.0f;
+        Grid shaped, map;
+        if (!median.cells.empty())
+            if (const int code = landscape(c, demo, "", median, kExtentMetres, {}, &shaped, &map); code != cli::kOk)
+                return code;
+        const std::pair<const char*, const Grid*> grids[] = {
+            {"terrain.npy", &terrain}, {"median.npy", &median}, {"thermal.npy", &shaped}, {"flow.npy", &map}};
+        for (const auto& [name, grid] : grids) {
+            if (grid->cells.empty()) continue;
+            std::string said;
+            if (const int code = write(c, demo, name,
+                                       [&](PendingOutputs& outputs, const std::string& path) {
+                                           return write_grid(outputs, path, *grid, {}, error_, said);
+                                       });
+                code != cli::kOk)
+                return code;
+        }
+
+        // A real elevation model, read as users read theirs.
+        if (dem_ != "none") {
+            if (cli::interrupted()) return cancelled();
+            Grid heights;
+            std::string said;
+            const cli::Stopwatch reading;
+            if (!read_grid(dem_, ReadOptions{}, heights, error_, said)) {
+                // The default sample is optional; a model asked for is not.
+                if (dem_option_->given()) return cli::fail(cli::kIo, "%s", error_.c_str());
+                demo.say("no real elevation model: " + error_ +
+                         (std::filesystem::exists(dem_) ? "" : " (apt-get install python-matplotlib-data)"));
+            } else {
+                c.timings.read += reading.milliseconds();
+                demo.record("read " + std::filesystem::path(dem_).filename().string(), "", reading.milliseconds());
+                bool all = false;
+                const std::vector<size_t> missing = cli::fill_missing(heights, all);
+                if (all) return cli::fail(cli::kIo, "%s: no cell has a height", dem_.c_str());
+                const double metres = cli::world_width(heights);
+                const float extent = static_cast<float>(metres > 0.0 ? metres : kSampleCellMetres * heights.width);
+                demo.say(cli::format("%s: %ux%u cells, %.1f km wide", dem_.c_str(), heights.width, heights.height,
+                                     extent / 1000.0));
+                if (const int code = landscape(c, demo, "dem-", heights, extent, missing, nullptr, nullptr);
+                    code != cli::kOk)
+                    return code;
+            }
+        }
+        if (cli::interrupted()) return cancelled();
+        c.timings.total = c.elapsed();
+        if (c.common.json) demo.print_json(dir_);
+        return demo.status();
+    }
+
+  private:
+    int cancelled() const {
+        return cli::fail(cli::kDevice, "cancelled; %s/ holds only the files written before", dir_.c_str());
+    }
+
+    // Writes DIR/NAME through `writer(outputs, path)`, timed. Each file
+    // replaces its old version at once: a demo run's files need not stand or
+    // fall together. Returns kOk, or kIo or the cancel after a message.
+    template <class Writer>
+    int write(cli::Context& c, DemoRun& demo, const std::string& name, const Writer& writer) {
+        if (cli::interrupted()) return cancelled();
+        const cli::Stopwatch watch;
+        PendingOutputs outputs;
+        if (!writer(outputs, dir_ + "/" + name) || !outputs.commit(error_))
+            return cli::fail(cli::kIo, "%s", error_.c_str());
+        c.timings.write += watch.milliseconds();
+        demo.record("write " + name, "", watch.milliseconds());
+        return cli::kOk;
+    }
+
+    // Runs thermal shaping, flow and shading on `heights` (`extent` metres
+    // wide; shaded with heights times kPictureRelief) and writes
+    // PREFIXrelief.png and PREFIXflow.png. Returns kOk, or kIo or the cancel
+    // after a message; a failed step only leaves its results out.
+    int landscape(cli::Context& c, DemoRun& demo, const std::string& prefix, const Grid& heights, float extent,
+                  const std::vector<size_t>& missing, Grid* shaped_out, Grid* flow_out) {
+        const halden_thermal_shaper_parameters thermal = {0, 0, 1.0f, extent, 0.125f, 1.0f, -0.5f, 0};
+        const halden_flow_parameters flow = {0, 0, 0.5f, 1.0f, 1};
+        const commands::Lighting lighting;
+        const double mcells = static_cast<double>(heights.cells.size());
+        Grid shaped =
+            demo.run(prefix + "thermal shaping", heights, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                return commands::run_thermal(q, g, nullptr, thermal, t);
+            });
+        if (cli::interrupted()) return cancelled();
+        if (shaped.cells.empty()) return cli::kOk;
+        shaped.georeference = heights.georeference;
+        Grid map = demo.run(prefix + "flow", shaped, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+            const Grid source = g;
+            return commands::run_flow(q, source, g, false, flow, t);
+        });
+        Grid planes = demo.run(prefix + "shading", shaped, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+            std::vector<float> all;
+            const uint32_t status =
+                commands::shade_grid(q, g, lighting, extent, kPictureRelief, missing, all, t);
+            g.cells = std::move(all);
+            return status;
+        });
+        if (cli::interrupted()) return cancelled();
+        if (planes.cells.empty()) return cli::kOk;
+        const size_t cells = shaped.cells.size();
+        const float* p = planes.cells.data();
+        if (const int code = write(c, demo, prefix + "relief.png",
+                                   [&](PendingOutputs& outputs, const std::string& path) {
+                                       return cli::write_picture(outputs, path, shaped.width, shaped.height, p,
+                                                                 p + cells, p + 2 * cells, error_);
+                                   });
+            code != cli::kOk)
+            return code;
+        if (!map.cells.empty()) {
+            map.width = shaped.width;
+            map.height = shaped.height;
+            cli::mark_missing(map, missing);
+            if (const int code = write(c, demo, prefix + "flow.png",
+                                       [&](PendingOutputs& outputs, const std::string& path) {
+                                           return write_flow_picture(outputs, path, map, planes.cells, error_);
+                                       });
+                code != cli::kOk)
+                return code;
+        }
+        if (shaped_out) *shaped_out = std::move(shaped);
+        if (flow_out) *flow_out = std::move(map);
+        return cli::kOk;
+    }
+
+    uint32_t size_ = 1024;
+    std::string dir_ = "demo-output", dem_ = kSampleDem, error_;
+    const cli::Option* dem_option_ = nullptr;
+};
+
+}  // namespace
+
+std::unique_ptr<cli::Command> commands::demo() { return std::make_unique<DemoCommand>(); }
