@@ -12,6 +12,7 @@ import numpy as np
 import pytest
 
 import halden
+from halden import _calls, _native
 
 HEADER = Path(__file__).resolve().parents[2] / "include" / "halden" / "halden.h"
 DEM = Path("/usr/share/matplotlib/mpl-data/sample_data/jacksboro_fault_dem.npz")
@@ -27,12 +28,6 @@ OPS = {
 }
 
 
-@pytest.fixture(scope="module")
-def q():
-    with halden.Queue("cpu") as queue:
-        yield queue
-
-
 def hills(rows=48, columns=48):
     y, x = np.mgrid[:rows, :columns]
     return (10 * np.sin(x / 7) * np.cos(y / 5) + 0.1 * x).astype(np.float32)
@@ -41,12 +36,7 @@ def hills(rows=48, columns=48):
 def test_records_match_the_header():
     if not HEADER.exists():
         pytest.skip("halden.h is not beside this source tree")
-    records = {"halden_device_record": halden._DeviceRecord, "halden_callbacks": halden._Callbacks,
-               "halden_median_filter_parameters": halden._MedianParameters,
-               "halden_thermal_shaper_parameters": halden._ThermalParameters,
-               "halden_flow_parameters": halden._FlowParameters,
-               "halden_lighting_parameters": halden._LightingParameters, "halden_mesh": halden._Mesh,
-               "halden_mesh_rasterizer_parameters": halden._RasterizerParameters}
+    records = _native.RECORDS
     text = HEADER.read_text()
     sizes = re.findall(r"sizeof\((\w+)\) == (\d+)", text)
     offsets = re.findall(r"offsetof\((\w+), (\w+)\) == (\d+)", text)
@@ -228,8 +218,8 @@ def test_library_failures_raise_with_its_texts(q):
     h = hills()
     # MedianFilter reports with status 0; the binding refuses a bad radius
     # itself, so a null grid is what still reaches the library.
-    null_grid = (halden._MedianFilter, None, ctypes.byref(halden._MedianParameters(4, 2, 1, 0)))
-    calls = [(lambda: halden._run("MedianFilter", q, *null_grid), "grid"),
+    null_grid = (None, ctypes.byref(_native.MedianParameters(4, 2, 1, 0)))
+    calls = [(lambda: _calls.run(_native.MedianFilter, q, *null_grid), "grid"),
              (lambda: halden.thermal_shape(q, h, level_factor=1e30), "levels"),
              (lambda: halden.flow(q, h, length=1e6), "length")]  # past the 2^24 steps a trace may take
     for call, word in calls:

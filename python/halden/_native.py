@@ -1,0 +1,151 @@
+"""The shared library, its records laid out as in halden.h, and its exports.
+
+A new operation adds its parameter record (registered under its C name, which
+the tests compare against the header's size and offset assertions) and its
+export declaration here.
+"""
+
+import ctypes
+import glob
+import os
+
+import numpy as np
+
+LIBRARY_NAME = "libHalden.AdaptiveCpp.so"
+
+
+def _library_path() -> str:
+    path = os.environ.get("HALDEN_LIBRARY")
+    if path:
+        return path
+    here = os.path.dirname(os.path.abspath(__file__))
+    # Sorted, the unversioned name comes first.
+    found = sorted(glob.glob(os.path.join(here, LIBRARY_NAME + "*")))
+    if not found:
+        raise ImportError(f"the Halden library ({LIBRARY_NAME}) is not in {here}; "
+                          "set HALDEN_LIBRARY to its full path")
+    return found[0]
+
+
+def _load() -> ctypes.CDLL:
+    path = _library_path()
+    try:
+        return ctypes.CDLL(path)
+    except OSError as e:
+        raise ImportError(f"cannot load the Halden library {path!r} ({e}); "
+                          f"set HALDEN_LIBRARY to the full path of {LIBRARY_NAME}") from e
+
+
+lib = _load()
+
+# --- Records --------------------------------------------------------------------
+
+f32, i32, u32, u8 = ctypes.c_float, ctypes.c_int32, ctypes.c_uint32, ctypes.c_uint8
+FLOATS = ctypes.POINTER(f32)
+UINTS = ctypes.POINTER(u32)
+
+RECORDS: dict[str, type[ctypes.Structure]] = {}  # C name -> record
+
+
+def _record(c_name):
+    def register(cls):
+        RECORDS[c_name] = cls
+        return cls
+    return register
+
+
+@_record("halden_device_record")
+class DeviceRecord(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char_p), ("type", ctypes.c_int64), ("backend", ctypes.c_char_p),
+                ("vendor", ctypes.c_char_p), ("driver", ctypes.c_char_p), ("arch", ctypes.c_char_p),
+                ("flag1", u8), ("flag2", u8), ("padding", u8 * 6)]
+
+
+TEXT_FN = ctypes.CFUNCTYPE(None, ctypes.c_char_p)
+PROGRESS_FN = ctypes.CFUNCTYPE(i32, f32)
+BYTES_FN = ctypes.CFUNCTYPE(None, ctypes.c_uint64)
+CANCEL_FN = ctypes.CFUNCTYPE(i32)
+
+
+@_record("halden_callbacks")
+class Callbacks(ctypes.Structure):
+    _fields_ = [("debug", TEXT_FN), ("progress", PROGRESS_FN), ("info", TEXT_FN), ("warning", TEXT_FN),
+                ("error", TEXT_FN), ("reserve", BYTES_FN), ("release", BYTES_FN), ("cancel", CANCEL_FN)]
+
+
+@_record("halden_median_filter_parameters")
+class MedianParameters(ctypes.Structure):
+    _fields_ = [("size", u32), ("radius", u32), ("iterations", u32), ("reserved", u32)]
+
+
+@_record("halden_thermal_shaper_parameters")
+class ThermalParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("height_scale", f32), ("extent", f32),
+                ("level_factor", f32), ("strength", f32), ("amount", f32), ("reserved", u32)]
+
+
+@_record("halden_flow_parameters")
+class FlowParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("length", f32), ("accumulation", f32), ("seed", u32)]
+
+
+@_record("halden_lighting_parameters")
+class LightingParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("terrain_size", f32), ("height_scale", f32),
+                ("sun_direction", f32 * 3), ("shadow_samples", i32), ("sun_size", f32), ("ao_mode", i32),
+                ("ao_directions", i32), ("hybrid_ao_directions", i32), ("reserved48", u32),
+                ("light_scale", f32), ("sun_strength", f32), ("sky_strength", f32), ("sun_color", f32 * 3),
+                ("sky_color", f32 * 3), ("exposure", f32), ("reserved92", u8 * 20), ("sun_enabled", u8),
+                ("sky_enabled", u8), ("shadows_enabled", u8), ("ao_enabled", u8), ("ao_from_caller", u8),
+                ("padding", u8 * 3)]
+
+
+@_record("halden_mesh")
+class Mesh(ctypes.Structure):
+    _fields_ = [("vertices", FLOATS), ("vertex_count", u32), ("reserved0", u32),
+                ("triangles", UINTS), ("triangle_count", u32), ("reserved1", u32)]
+
+
+@_record("halden_mesh_rasterizer_parameters")
+class RasterizerParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("centre", f32 * 3), ("scale", f32), ("offset", f32 * 3),
+                ("depth_divisor", f32), ("shift", f32), ("reserved", u8 * 10), ("supersample", u8),
+                ("padding", u8)]
+
+
+def floats(array: np.ndarray | None):
+    """A float32 array's data as the float* the exports take; None as null."""
+    return None if array is None else array.ctypes.data_as(FLOATS)
+
+
+def uints(array: np.ndarray):
+    return array.ctypes.data_as(UINTS)
+
+
+# --- Exports ------------------------------------------------------------------------
+
+def _declare(name, restype, *argtypes):
+    fn = getattr(lib, name)
+    fn.restype, fn.argtypes = restype, argtypes
+    return fn
+
+
+QUEUE, TABLE_P = ctypes.c_void_p, ctypes.POINTER(Callbacks)
+DEVICES_P = ctypes.POINTER(DeviceRecord)
+
+GetDevices = _declare("GetDevices", None, ctypes.POINTER(DEVICES_P), ctypes.POINTER(u32))
+FreeDevices = _declare("FreeDevices", None, DEVICES_P)
+GetDeviceInfo = _declare("GetDeviceInfo", DEVICES_P, QUEUE)
+FreeDeviceInfo = _declare("FreeDeviceInfo", None, DEVICES_P)
+CreateSyclQueue = _declare("CreateSyclQueue", QUEUE, ctypes.c_char_p, TABLE_P)
+DestroySyclQueue = _declare("DestroySyclQueue", None, QUEUE)
+
+MedianFilter = _declare("MedianFilter", u32, QUEUE, FLOATS, ctypes.POINTER(MedianParameters))
+Blur = _declare("Blur", u32, QUEUE, FLOATS, i32, f32, TABLE_P)
+ThermalShaper_Process = _declare("ThermalShaper_Process", u32, QUEUE, FLOATS, FLOATS,
+                                 ctypes.POINTER(ThermalParameters), TABLE_P)
+FlowSimulation = _declare("FlowSimulation", u32, QUEUE, ctypes.c_uint64, FLOATS, FLOATS,
+                          ctypes.POINTER(FlowParameters), TABLE_P)
+Shade = _declare("Shade", u32, QUEUE, *[FLOATS] * 10, ctypes.POINTER(LightingParameters), TABLE_P)
+MeshRasterizer_RenderMesh = _declare("MeshRasterizer_RenderMesh", u32, QUEUE, ctypes.POINTER(Mesh), FLOATS,
+                                     FLOATS, ctypes.POINTER(RasterizerParameters), TABLE_P)
