@@ -16,6 +16,14 @@
 #  define HALDEN_KERNEL [=]
 #endif
 
+// Fully unrolls the loop that follows (a stencil's neighbours), so that its
+// constant offsets fold and the host compiler can vectorise the cell loop.
+#if defined(__CUDACC__) || defined(__clang__)
+#  define HALDEN_UNROLL _Pragma("unroll")
+#else
+#  define HALDEN_UNROLL _Pragma("GCC unroll 16")
+#endif
+
 namespace halden::compute {
 
 // Numbering follows the runtime's back-end ids, which the device records expose.

@@ -38,4 +38,26 @@ inline compute::range<2> half_extent(compute::range<2> fine) { return {(fine.row
 
 HALDEN_HD inline int clamp_index(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
+// Stencil kernels run their interior, where every neighbour exists, without
+// bounds tests (so the host compiler can vectorise it), and the ring of
+// border cells separately. The ring: the first and last rows, then the
+// first and last columns of the rows between.
+inline std::size_t border_cells(int w, int h) {
+    const std::size_t rows = h >= 2 ? 2 : 1, cols = w >= 2 ? 2 : 1;
+    return rows * std::size_t(w) + cols * std::size_t(h > 2 ? h - 2 : 0);
+}
+struct cell {
+    int x, y;
+};
+HALDEN_HD inline cell border_cell(std::size_t k, int w, int h) {
+    const std::size_t rows = h >= 2 ? 2 : 1, cols = w >= 2 ? 2 : 1;
+    if (k < rows * std::size_t(w)) return {int(k % std::size_t(w)), k < std::size_t(w) ? 0 : h - 1};
+    k -= rows * std::size_t(w);
+    return {cols == 2 && k % 2 == 1 ? w - 1 : 0, 1 + int(k / cols)};
+}
+// The interior's extent: empty unless both sides exceed two cells.
+inline compute::range<2> interior_extent(int w, int h) {
+    return w > 2 && h > 2 ? compute::range<2>{std::size_t(h - 2), std::size_t(w - 2)} : compute::range<2>{0, 0};
+}
+
 }  // namespace halden::core

@@ -18,6 +18,22 @@ HALDEN_HD inline std::uint32_t xorshift(std::uint32_t s) {
     return s;
 }
 
+// The state of draw `round` of item `index` (a cell, a particle) under
+// `seed`. Every draw derives from these three numbers alone, never from a
+// state shared between items, so no scheduling order can change a result.
+// Each word is folded in through an odd multiplier and stirred by xorshift
+// steps, so that neighbouring indices and rounds give unrelated streams.
+HALDEN_HD inline std::uint32_t counter_state(std::uint32_t seed, std::uint32_t index, std::uint32_t round) {
+    std::uint32_t s = xorshift(seed_state(seed) ^ (index * 0x9E3779B1u));
+    s = xorshift(xorshift(s) + round * 0x85EBCA77u);
+    s = xorshift(xorshift(s * 0xC2B2AE3Du));
+    return seed_state(s);
+}
+
+// A uniform float in [0, 1) from the top 24 bits of a state: exact, and the
+// same on every device.
+HALDEN_HD inline float uniform_f(std::uint32_t s) { return float(s >> 8) * 0x1p-24f; }
+
 // ((s * 0x2545F381 - 1) mod 2^32) * 2^-32, exact in double.
 inline double uniform(std::uint32_t s) { return double(std::uint32_t(s * 0x2545F381u - 1u)) * 0x1p-32; }
 
