@@ -131,13 +131,15 @@ TEST(Threads, OneWorkerThreadAndTwoGiveTheSameBits) {
     ASSERT_NE(q, nullptr);
     const auto everything = [&] {
         results r = run_all(q, cb);
-        std::vector<float> h = hills(), median = h, blurred = h, shaped = h;
+        std::vector<float> h = hills(), median = h, blurred = h, shaped = h, weathered = h;
         const halden_median_filter_parameters m{n, 3, 2, 0};
         MedianFilter(q, median.data(), &m);
         EXPECT_EQ(Blur(q, blurred.data(), n, 2.5f, &cb), 0u);
         const halden_thermal_shaper_parameters t{n, n, 1.0f, float(n), 0.125f, 1.0f, -0.5f, 0};
         EXPECT_EQ(ThermalShaper_Process(q, shaped.data(), nullptr, &t, &cb), 0u);
-        for (const std::vector<float>* v : {&median, &blurred, &shaped, &r.ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
+        const halden_thermal_parameters th{n, n, 1.0f, 1.0f, 30.0f, 0.2f, 0.5f, 16, 0, 1.0f, 1.0f, 1};
+        EXPECT_EQ(ThermalSimulation(q, weathered.data(), nullptr, nullptr, nullptr, &th, &cb), 0u);
+        for (const std::vector<float>* v : {&median, &blurred, &shaped, &weathered, &r.ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
         return r;
     };
     const int before = omp_get_max_threads();

@@ -322,6 +322,87 @@ HALDEN_API uint32_t ThermalShaper_Process(halden_queue* queue, float* heights, c
                                           const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
+/* Thermal weathering.                                                        */
+/*
+ * Material on slopes steeper than the angle of repose slides to lower
+ * neighbours until the slopes settle, over a pyramid of levels from coarse
+ * to fine, so that long slopes settle in a few iterations.
+ *
+ * width, height   grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * cell_size       world width of one cell, > 0
+ * height_scale    world height of one height unit, > 0
+ * talus_angle     angle of repose in degrees, above 0 and below 90: steeper
+ *                 slopes shed material
+ * talus_noise     0 to 1: each cell's angle varies by up to this share of
+ *                 the distance to 0 or 90 degrees, from a hashed noise of the
+ *                 seed and the cell, so that settled slopes are not uniform
+ * rate            share of the excess moved per iteration, above 0 and at
+ *                 most 1
+ * iterations      iterations per level, 0 to 100000
+ * levels          pyramid levels, 1 to 64, or 0 for as many as halve the
+ *                 shorter side down to at most 48 cells
+ * burial_scale    world height of moved material at which a finer level's
+ *                 relief is half restored where it sticks out of what was
+ *                 laid down on it, > 0: larger keeps more fine detail
+ * mask_strength   0 to 1: where the mask rises from a coarse level to the
+ *                 finer one, that share of the loose material is released
+ *                 (only with a mask)
+ * seed            seed of the angle noise
+ *
+ * Defaults worth starting from: talus_angle 35, talus_noise 0.2, rate 0.5,
+ * iterations 64, levels 0, burial_scale 1, mask_strength 1, seed 1.
+ */
+typedef struct halden_thermal_parameters {
+    int32_t width;
+    int32_t height;
+    float cell_size;
+    float height_scale;
+    float talus_angle;
+    float talus_noise;
+    float rate;
+    int32_t iterations;
+    int32_t levels;
+    float burial_scale;
+    float mask_strength;
+    uint32_t seed;
+} halden_thermal_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_thermal_parameters) == 48, "thermal record is 48 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_parameters, cell_size) == 8, "cell_size at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_parameters, talus_angle) == 16, "talus_angle at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_parameters, iterations) == 28, "iterations at 28");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_parameters, burial_scale) == 36, "burial_scale at 36");
+HALDEN_STATIC_ASSERT(offsetof(halden_thermal_parameters, seed) == 44, "seed at 44");
+
+/*
+ * Weathers the width x height row-major grid `heights` in place. In each
+ * iteration every cell whose drop to a neighbour exceeds the talus height for
+ * that neighbour's distance sends rate x its largest excess (at most half its
+ * largest drop) to its lower neighbours in proportion to the drops; then
+ * every cell takes what it receives, in a fixed order, so the result has the
+ * same bits on every device and thread count. The borders are closed: the
+ * total height is kept up to float rounding.
+ *
+ * `mask` (optional, 0 to 1) scales the effect per cell; `hardness`
+ * (optional, 0 to 1) slows it: a cell of hardness 1 sends nothing.
+ * `deposition` (optional, out) receives the thickness of loose material laid
+ * down on each cell, in height units. Needs about 68 bytes per cell of device
+ * memory.
+ *
+ * Progress goes to slot 1 of `callbacks` after every iteration; a nonzero
+ * return from slot 1 or slot 7 cancels and leaves the grids unchanged.
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for a null
+ * queue, heights or record, an invalid record (the heights are left
+ * unchanged; the error text names the field), a cancel or a device error.
+ *
+ *   halden_thermal_parameters p = {1024, 1024, 1.0f, 1.0f, 35.0f, 0.2f, 0.5f, 64, 0, 1.0f, 1.0f, 1};
+ *   uint32_t status = ThermalSimulation(q, heights, NULL, NULL, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t ThermalSimulation(halden_queue* queue, float* heights, const float* mask, float* deposition,
+                                      const float* hardness, const halden_thermal_parameters* parameters,
+                                      const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
 /* Flow simulation.                                                           */
 /*
  * width, height  grid size in cells (at least 1 each, at most 2^31 - 1 cells)
@@ -591,6 +672,10 @@ using Parameters = ::halden_median_filter_parameters;
 namespace thermal_shaper {
 using Parameters = ::halden_thermal_shaper_parameters;
 }  // namespace thermal_shaper
+
+namespace thermal {
+using Parameters = ::halden_thermal_parameters;
+}  // namespace thermal
 
 namespace flow {
 using Parameters = ::halden_flow_parameters;

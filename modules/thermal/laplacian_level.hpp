@@ -3,7 +3,7 @@
 // the level's heights, the second the loose material the pass moved, the
 // third its scratch and the fourth the material resting on the cell; the
 // detail band is the level's own value in reconstruction. A level may also
-// carry a mask.
+// carry a mask and a hardness grid, both reduced from the finer level's.
 #pragma once
 
 #include "core/laplacian.hpp"
@@ -56,19 +56,22 @@ inline void reconstruct(halden::compute::queue& q, const float* coarse_heights, 
 
 class LaplacianLevel : public halden::core::laplacian_level<LaplacianLevel> {
 public:
-    // The finest level; `mask` may be an empty grid.
-    LaplacianLevel(halden::compute::queue& q, grid heights, grid mask, int depth)
-        : laplacian_level(q, std::move(heights), depth), m_mask(std::move(mask)) {
+    // The finest level; `mask` and `hardness` may be empty grids.
+    LaplacianLevel(halden::compute::queue& q, grid heights, grid mask, int depth, grid hardness = {})
+        : laplacian_level(q, std::move(heights), depth), m_mask(std::move(mask)), m_hardness(std::move(hardness)) {
         allocate();
     }
     LaplacianLevel(halden::compute::queue& q, grid heights, LaplacianLevel& finer)
         : laplacian_level(q, std::move(heights), finer.depth() - 1) {
         if (finer.has_mask()) m_mask = halden::core::reduce(finer.mask(), "coarser level mask");
+        if (finer.has_hardness()) m_hardness = halden::core::reduce(finer.hardness(), "coarser level hardness");
         allocate();
     }
 
     bool has_mask() const { return m_mask.get() != nullptr; }
     grid& mask() { return m_mask; }
+    bool has_hardness() const { return m_hardness.get() != nullptr; }
+    grid& hardness() { return m_hardness; }
     grid& moved() { return m_moved; }
     grid& scratch() { return m_scratch; }
     grid& resting() { return m_resting; }
@@ -91,7 +94,7 @@ private:
         halden::core::fill(m_moved, 0.0f);
         halden::core::fill(m_resting, 0.0f);
     }
-    grid m_mask, m_moved, m_scratch, m_resting;
+    grid m_mask, m_hardness, m_moved, m_scratch, m_resting;
 };
 
 }  // namespace thermal
