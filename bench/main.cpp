@@ -5,6 +5,7 @@
 void register_median_filter_benchmarks();
 void register_thermal_shaper_benchmarks();
 void register_thermal_benchmarks();
+void register_erosion_benchmarks();
 void register_resampling_benchmarks();
 void register_flow_benchmarks();
 void register_shade_benchmarks();
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
     register_median_filter_benchmarks();
     register_thermal_shaper_benchmarks();
     register_thermal_benchmarks();
+    register_erosion_benchmarks();
     register_resampling_benchmarks();
     register_flow_benchmarks();
     register_shade_benchmarks();

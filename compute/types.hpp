@@ -18,7 +18,7 @@
 
 // Fully unrolls the loop that follows (a stencil's neighbours), so that its
 // constant offsets fold and the host compiler can vectorise the cell loop.
-#if defined(__CUDACC__) || defined(__clang__)
+#if defined(__CUDA_ARCH__) || defined(__clang__)
 #  define HALDEN_UNROLL _Pragma("unroll")
 #else
 #  define HALDEN_UNROLL _Pragma("GCC unroll 16")

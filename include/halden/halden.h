@@ -403,6 +403,100 @@ HALDEN_API uint32_t ThermalSimulation(halden_queue* queue, float* heights, const
                                       const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
+/* Hydraulic erosion by droplets.                                             */
+/*
+ * Water droplets run downhill with inertia, take up sediment where their
+ * capacity exceeds their load, lay it down where it does not, and
+ * evaporate; run coarse to fine over a pyramid of levels.
+ *
+ * width, height    grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * cell_size        world width of one cell, > 0
+ * height_scale     world height of one height unit, > 0
+ * droplets         droplets per cell per round, above 0 and at most 16
+ * rounds           rounds per level, 0 to 100000: each spawns its droplets at
+ *                  hashed positions and runs them against the heights as the
+ *                  round found them; the changes apply after the round
+ * lifetime         world length a droplet may run, > 0 (the same on every
+ *                  level: a coarse level's droplets take fewer, longer steps)
+ * inertia          0 to below 1: how much of its direction a droplet keeps
+ * capacity         sediment a droplet can carry per unit of slope, speed and
+ *                  water, >= 0
+ * min_slope        the slope capacity never drops below, >= 0
+ * erosion_rate     share of the free capacity taken up per step, 0 to 1
+ * deposition_rate  share of the excess load laid down per step, 0 to 1
+ * evaporation      share of the water lost per step, 0 to below 1
+ * gravity          speed gained per unit of drop, >= 0
+ * brush_radius     radius in cells over which a step's erosion is spread,
+ *                  0 to 8 (0: the droplet's cell alone)
+ * flow_coupling    0 or 1: droplets lean towards the mean direction of the
+ *                  water of the round before, so rivers form and persist
+ * levels           pyramid levels, 1 to 64, or 0 for as many as halve the
+ *                  shorter side down to about 48 cells
+ * detail_scale     world depth of erosion at which a finer level keeps all
+ *                  of its own relief where it sticks out of the sediment;
+ *                  deeper erosion keeps less of it (down to a tenth), > 0
+ * seed             seed of every random choice
+ *
+ * Defaults worth starting from: droplets 0.25, rounds 8, lifetime 64 x
+ * cell_size, inertia 0.3, capacity 0.05, min_slope 0.01, erosion_rate 0.3,
+ * deposition_rate 0.3, evaporation 0.02, gravity 4, brush_radius 3,
+ * flow_coupling 1, levels 0, detail_scale 10 x height_scale, seed 1.
+ */
+typedef struct halden_erosion_parameters {
+    int32_t width;
+    int32_t height;
+    float cell_size;
+    float height_scale;
+    float droplets;
+    int32_t rounds;
+    float lifetime;
+    float inertia;
+    float capacity;
+    float min_slope;
+    float erosion_rate;
+    float deposition_rate;
+    float evaporation;
+    float gravity;
+    float brush_radius;
+    int32_t flow_coupling;
+    int32_t levels;
+    float detail_scale;
+    uint32_t seed;
+} halden_erosion_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_erosion_parameters) == 76, "erosion record is 76 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_erosion_parameters, droplets) == 16, "droplets at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_erosion_parameters, capacity) == 32, "capacity at 32");
+HALDEN_STATIC_ASSERT(offsetof(halden_erosion_parameters, brush_radius) == 56, "brush_radius at 56");
+HALDEN_STATIC_ASSERT(offsetof(halden_erosion_parameters, detail_scale) == 68, "detail_scale at 68");
+HALDEN_STATIC_ASSERT(offsetof(halden_erosion_parameters, seed) == 72, "seed at 72");
+
+/*
+ * Erodes the width x height row-major grid `heights` in place. Sediment is
+ * counted in 64-bit fixed point (2^-24 height units), so what droplets take
+ * up equals what they lay down plus what leaves the grid with them, exactly,
+ * and the result has the same bits on every device and thread count.
+ *
+ * `rain` (optional, 0 to 1): the chance that a droplet spawned on a cell
+ * runs. `hardness` (optional, 0 to 1) scales erosion per cell: ground of
+ * hardness 1 is never cut. Optional outputs, in height units or 0 to 1:
+ * `erosion` the depth removed, `deposition` the thickness laid down,
+ * `discharge` a water-flow map, 0 where no water ran and towards 1 along
+ * rivers. Needs about 128 bytes per cell of device memory.
+ *
+ * Progress goes to slot 1 of `callbacks` after every round; a nonzero return
+ * from slot 1 or slot 7 cancels and leaves the grids unchanged. Returns 0
+ * when done; 2 when the device lacks the memory; 3 for a null queue, heights
+ * or record, an invalid record (the heights are left unchanged; the error
+ * text names the field), a fixed-point overflow (heights beyond about 2^37
+ * units), a cancel or a device error.
+ */
+HALDEN_API uint32_t ParallelErosionSimulation(halden_queue* queue, float* heights, const float* rain,
+                                              const float* hardness, float* erosion, float* deposition,
+                                              float* discharge, const halden_erosion_parameters* parameters,
+                                              const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
 /* Flow simulation.                                                           */
 /*
  * width, height  grid size in cells (at least 1 each, at most 2^31 - 1 cells)
@@ -676,6 +770,10 @@ using Parameters = ::halden_thermal_shaper_parameters;
 namespace thermal {
 using Parameters = ::halden_thermal_parameters;
 }  // namespace thermal
+
+namespace parallel_erosion {
+using Parameters = ::halden_erosion_parameters;
+}  // namespace parallel_erosion
 
 namespace flow {
 using Parameters = ::halden_flow_parameters;

@@ -56,6 +56,12 @@ public:
     static constexpr int working_grids = 10;
     static constexpr int carried_grid = 1;
     static constexpr int capacity_grid = 3;
+    // Working grids of the erosion pass: the water of all rounds, the water
+    // of the current round, and the mean flow's x and y (coupled runs).
+    static constexpr int water_grid = 2;
+    static constexpr int passing_grid = 4;
+    static constexpr int mean_x_grid = 9;
+    static constexpr int mean_y_grid = 10;
 
     LaplacianLevel(halden::compute::queue& q, grid heights, int depth)
         : laplacian_level(q, std::move(heights), depth) {

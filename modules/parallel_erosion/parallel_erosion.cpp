@@ -1,0 +1,577 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "modules/parallel_erosion/parallel_erosion.hpp"
+
+#include <cmath>
+#include <stdexcept>
+
+#include "core/math.hpp"
+#include "core/random.hpp"
+#include "device/messages.hpp"
+#include "modules/parallel_erosion/laplacian_level.hpp"
+
+namespace parallel_erosion {
+
+using halden::max_of;
+using halden::min_of;
+using halden::compute::queue;
+using halden::compute::range;
+using halden::compute::usm_ptr;
+
+halden_callbacks callbacks{};
+
+namespace {
+
+bool positive_finite(float v) { return v > 0.0f && std::isfinite(v); }
+bool in(float v, float lo, float hi) { return v >= lo && v <= hi; }
+std::string got(float v) { return " (got " + std::to_string(v) + ")"; }
+
+// Height and gradient (per cell) of the bilinear surface through the cell
+// centres at (x, y); edge cells are repeated.
+struct sample {
+    float height, gx, gy;
+};
+HALDEN_HD inline sample surface(const float* h, int w, int rows, float x, float y) {
+    const float px = x - 0.5f, py = y - 0.5f;
+    const float fx0 = floorf(px), fy0 = floorf(py);
+    const float fx = px - fx0, fy = py - fy0;
+    const int ix = int(fx0), iy = int(fy0);
+    const int x0 = halden::core::clamp_index(ix, 0, w - 1), x1 = halden::core::clamp_index(ix + 1, 0, w - 1);
+    const int y0 = halden::core::clamp_index(iy, 0, rows - 1), y1 = halden::core::clamp_index(iy + 1, 0, rows - 1);
+    const float h00 = h[y0 * w + x0], h10 = h[y0 * w + x1], h01 = h[y1 * w + x0], h11 = h[y1 * w + x1];
+    sample s;
+    s.gx = (h10 - h00) * (1.0f - fy) + (h11 - h01) * fy;
+    s.gy = (h01 - h00) * (1.0f - fx) + (h11 - h10) * fx;
+    s.height = (h00 * (1.0f - fx) + h10 * fx) * (1.0f - fy) + (h01 * (1.0f - fx) + h11 * fx) * fy;
+    return s;
+}
+
+// Lays `amount` fixed-point units down bilinearly at (x, y): the three first
+// shares are rounded down and the last takes the rest, so the parts sum to
+// the amount exactly.
+HALDEN_HD inline void lay_down(std::int64_t* laid, int w, int rows, float x, float y, std::int64_t amount) {
+    const float px = x - 0.5f, py = y - 0.5f;
+    const float fx0 = floorf(px), fy0 = floorf(py);
+    const float fx = px - fx0, fy = py - fy0;
+    const int ix = int(fx0), iy = int(fy0);
+    const int x0 = halden::core::clamp_index(ix, 0, w - 1), x1 = halden::core::clamp_index(ix + 1, 0, w - 1);
+    const int y0 = halden::core::clamp_index(iy, 0, rows - 1), y1 = halden::core::clamp_index(iy + 1, 0, rows - 1);
+    const double a = double(amount);
+    std::int64_t rest = amount;
+    const auto share = [&](float weight) {
+        const std::int64_t part = std::int64_t(a * double(weight));
+        const std::int64_t p = part < rest ? part : rest;
+        rest -= p;
+        return p;
+    };
+    const std::int64_t p00 = share((1.0f - fx) * (1.0f - fy));
+    const std::int64_t p10 = share(fx * (1.0f - fy));
+    const std::int64_t p01 = share((1.0f - fx) * fy);
+    if (p00) halden::compute::atomic_add(&laid[y0 * w + x0], p00);
+    if (p10) halden::compute::atomic_add(&laid[y0 * w + x1], p10);
+    if (p01) halden::compute::atomic_add(&laid[y1 * w + x0], p01);
+    if (rest) halden::compute::atomic_add(&laid[y1 * w + x1], rest);
+}
+
+// floor(r * weight / 2^16) for r >= 0 and weight <= 2^16, without overflow.
+HALDEN_HD inline std::int64_t part_of(std::int64_t r, std::int64_t weight) {
+    return (r >> 16) * weight + (((r & 0xFFFF) * weight) >> 16);
+}
+
+// A tap's weight on a target cell: hard ground takes less.
+HALDEN_HD inline std::int64_t weight_on(std::int32_t weight, const float* hardness, int i) {
+    if (!hardness) return weight;
+    const float hard = min_of(max_of(hardness[i], 0.0f), 1.0f);
+    const std::int64_t soft = 65536 - std::int64_t(hard * 65536.0f + 0.5f);
+    return (std::int64_t(weight) * soft) >> 16;
+}
+
+}  // namespace
+
+std::string check(const Parameters& p) {
+    if (!halden::core::grid_size_ok(p.width, p.height))
+        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
+               " x " + std::to_string(p.height) + ")";
+    if (!positive_finite(p.cell_size)) return "cell_size must be positive and finite" + got(p.cell_size);
+    if (!positive_finite(p.height_scale)) return "height_scale must be positive and finite" + got(p.height_scale);
+    if (!(p.droplets > 0.0f && p.droplets <= max_droplets))
+        return "droplets must lie in (0, 16] per cell" + got(p.droplets);
+    if (p.rounds < 0 || p.rounds > max_rounds)
+        return "rounds must lie in [0, " + std::to_string(max_rounds) + "] (got " + std::to_string(p.rounds) + ")";
+    if (!positive_finite(p.lifetime)) return "lifetime must be positive and finite" + got(p.lifetime);
+    if (!(p.lifetime / p.cell_size <= 65536.0f))
+        return "lifetime must be at most 65536 cells long" + got(p.lifetime / p.cell_size);
+    if (!(p.inertia >= 0.0f && p.inertia < 1.0f)) return "inertia must lie in [0, 1)" + got(p.inertia);
+    if (!(p.capacity >= 0.0f && std::isfinite(p.capacity))) return "capacity must be finite, >= 0" + got(p.capacity);
+    if (!(p.min_slope >= 0.0f && std::isfinite(p.min_slope))) return "min_slope must be finite, >= 0" + got(p.min_slope);
+    if (!in(p.erosion_rate, 0.0f, 1.0f)) return "erosion_rate must lie in [0, 1]" + got(p.erosion_rate);
+    if (!in(p.deposition_rate, 0.0f, 1.0f)) return "deposition_rate must lie in [0, 1]" + got(p.deposition_rate);
+    if (!(p.evaporation >= 0.0f && p.evaporation < 1.0f)) return "evaporation must lie in [0, 1)" + got(p.evaporation);
+    if (!(p.gravity >= 0.0f && std::isfinite(p.gravity))) return "gravity must be finite, >= 0" + got(p.gravity);
+    if (!in(p.brush_radius, 0.0f, max_brush_radius)) return "brush_radius must lie in [0, 8]" + got(p.brush_radius);
+    if (p.flow_coupling != 0 && p.flow_coupling != 1)
+        return "flow_coupling must be 0 or 1 (got " + std::to_string(p.flow_coupling) + ")";
+    if (p.levels < 0 || p.levels > max_levels)
+        return "levels must be 0 (automatic) or 1 to " + std::to_string(max_levels) + " (got " +
+               std::to_string(p.levels) + ")";
+    if (!positive_finite(p.detail_scale)) return "detail_scale must be positive and finite" + got(p.detail_scale);
+    const double droplets = double(p.droplets) * double(p.width) * double(p.height);
+    if (droplets > 4294967295.0) return "droplets x cells must stay below 2^32 per round" + got(float(droplets));
+    return {};
+}
+
+std::uint64_t memory_estimate(const Parameters& p) {
+    return 128u * std::uint64_t(p.width) * std::uint64_t(p.height);
+}
+
+namespace plan {
+
+int levels(const Parameters& p) {
+    if (p.levels > 0) return p.levels;
+    int n = 1;
+    for (int side = p.width < p.height ? p.width : p.height; side > 48 && n < max_levels; side -= side / 2) ++n;
+    return n;
+}
+
+std::vector<std::int32_t> brush(float radius) {
+    std::vector<std::int32_t> taps;
+    const int reach = int(std::floor(radius));
+    double total = radius;  // the centre's weight
+    for (int dy = -reach; dy <= reach; ++dy)
+        for (int dx = -reach; dx <= reach; ++dx)
+            if (dx != 0 || dy != 0) total += std::max(radius - std::sqrt(double(dx * dx + dy * dy)), 0.0);
+    for (int dy = -reach; dy <= reach; ++dy)
+        for (int dx = -reach; dx <= reach; ++dx) {
+            if (dx == 0 && dy == 0) continue;
+            const double weight = std::max(radius - std::sqrt(double(dx * dx + dy * dy)), 0.0) / total;
+            const auto units = std::int32_t(std::floor(weight * 65536.0));
+            if (units > 0) taps.insert(taps.end(), {dx, dy, units});
+        }
+    return taps;
+}
+
+}  // namespace plan
+
+namespace {
+
+// A droplet's state between steps. Its path depends on the frozen heights,
+// the mean flow and its own draws alone, never on its load, so the tracing
+// pass and the eroding pass walk it identically.
+struct droplet {
+    float x, y, dx, dy, speed, water;
+    std::uint32_t s;
+    sample here;  // the surface where it stands: the heights are frozen, so the last step's look ahead serves
+};
+
+// One step's view of the ground: the cell left, the height difference to
+// the next position and the world slope downhill.
+struct stride {
+    int cell;
+    float dh, drop;
+    bool inside;  // the next position lies on the grid
+    sample there;
+};
+
+// Spawns droplet `index` of the round; false when the rain keeps it back.
+// Droplets are spread evenly: droplet i starts in cell i x cells / count, at
+// a hashed place inside it. Neighbouring droplets then start near each
+// other, which keeps a worker's memory traffic local.
+HALDEN_HD inline bool spawn(droplet& d, std::size_t index, const float* heights, const float* rain,
+                            const round_constants& k) {
+    std::uint32_t s = halden::counter_state(k.seed, std::uint32_t(index), k.round);
+    const std::uint64_t cells = std::uint64_t(k.w) * std::uint64_t(k.h);
+    const std::uint64_t cell = std::uint64_t(index) * cells / k.count;
+    // A float just below 1 keeps the position inside its cell.
+    const float below_one = 0.99999994f;
+    const float x = float(cell % std::uint64_t(k.w)) + min_of(halden::uniform_f(s), below_one);
+    s = halden::xorshift(s);
+    const float y = float(cell / std::uint64_t(k.w)) + min_of(halden::uniform_f(s), below_one);
+    if (rain) {
+        s = halden::xorshift(s);
+        if (!(halden::uniform_f(s) < rain[int(y) * k.w + int(x)])) return false;
+    }
+    d = {x, y, 0.0f, 0.0f, 1.0f, 1.0f, s, surface(heights, k.w, k.h, x, y)};
+    return true;
+}
+
+// Turns the droplet downhill (with inertia and, coupled, towards the mean
+// flow) and measures the step; the droplet has not moved yet.
+HALDEN_HD inline stride look(droplet& d, const float* heights, const float* mean_x, const float* mean_y,
+                             const round_constants& k) {
+    const int w = k.w, rows = k.h;
+    const int cell = int(d.y) * w + int(d.x);
+    const sample here = d.here;
+    float dx = d.dx * k.inertia - here.gx * k.slope_scale * (1.0f - k.inertia);
+    float dy = d.dy * k.inertia - here.gy * k.slope_scale * (1.0f - k.inertia);
+    if (k.coupled) {
+        dx = dx + lean * mean_x[cell];
+        dy = dy + lean * mean_y[cell];
+    }
+    float len = sqrtf(dx * dx + dy * dy);
+    if (!(len > 1e-20f)) {
+        // Flat ground: a direction of the droplet's own.
+        d.s = halden::xorshift(d.s);
+        dx = halden::uniform_f(d.s) * 2.0f - 1.0f;
+        d.s = halden::xorshift(d.s);
+        dy = halden::uniform_f(d.s) * 2.0f - 1.0f;
+        len = sqrtf(dx * dx + dy * dy);
+        if (!(len > 0.0f)) {
+            dx = 1.0f;
+            len = 1.0f;
+        }
+    }
+    d.dx = dx / len;
+    d.dy = dy / len;
+    const float nx = d.x + d.dx, ny = d.y + d.dy;
+    stride st{cell, 0.0f, 0.0f, nx >= 0.0f && ny >= 0.0f && nx < float(w) && ny < float(rows), {}};
+    if (!st.inside) return st;
+    st.there = surface(heights, w, rows, nx, ny);
+    st.dh = st.there.height - here.height;
+    st.drop = -st.dh * k.slope_scale;  // world slope, downhill positive
+    return st;
+}
+
+// Moves the droplet on: speed from the drop, water lost to evaporation.
+HALDEN_HD inline void move_on(droplet& d, const stride& st, const round_constants& k) {
+    d.speed = sqrtf(max_of(d.speed * d.speed + st.drop * k.gravity, 0.0f));
+    d.water = d.water * (1.0f - k.evaporation);
+    d.x = d.x + d.dx;
+    d.y = d.y + d.dy;
+    d.here = st.there;
+}
+
+}  // namespace
+
+void trace_droplets(queue& q, const float* heights, const float* rain, const float* mean_x, const float* mean_y,
+                    const round_grids& g, const round_constants& k) {
+    q.parallel_for(range<1>{k.count}, HALDEN_KERNEL(std::size_t index) {
+        const halden::core::fixed_point fixed{fixed_shift};
+        droplet d;
+        if (!spawn(d, index, heights, rain, k)) return;
+        int step = 0;
+        for (; step < k.steps; ++step) {
+            const stride st = look(d, heights, mean_x, mean_y, k);
+            halden::core::accumulate(&g.flux[st.cell], d.water, fixed, g.overflow);
+            if (!st.inside) break;
+            move_on(d, st, k);
+            if (k.coupled) {
+                halden::core::accumulate(&g.momentum[2 * st.cell], d.water * d.dx, fixed, g.overflow);
+                halden::core::accumulate(&g.momentum[2 * st.cell + 1], d.water * d.dy, fixed, g.overflow);
+            }
+        }
+        halden::compute::atomic_add(g.steps, std::int64_t(step < k.steps ? step + 1 : step));
+    });
+}
+
+void run_droplets(queue& q, const float* heights, const float* rain, const float* hardness, const float* mean_x,
+                  const float* mean_y, const round_grids& g, const round_constants& k) {
+    q.parallel_for(range<1>{k.count}, HALDEN_KERNEL(std::size_t index) {
+        const halden::core::fixed_point fixed{fixed_shift};
+        droplet d;
+        if (!spawn(d, index, heights, rain, k)) return;
+        std::int64_t load = 0;
+        for (int step = 0; step < k.steps; ++step) {
+            const stride st = look(d, heights, mean_x, mean_y, k);
+            if (!st.inside) {
+                if (load) halden::compute::atomic_add(g.left, load);
+                return;
+            }
+            // The droplets stepping off a cell share its drop in proportion
+            // to their water: together they lower it, or fill it, by about
+            // one drop per round, which keeps frozen-height rounds stable.
+            const float share = d.water / max_of(g.passing[st.cell], d.water);
+            const float capacity = max_of(st.drop, k.min_slope) * d.speed * d.water * k.capacity / k.slope_scale;
+            const float carried = fixed.decode(load);
+            if (st.dh > 0.0f || carried > capacity) {
+                // Uphill, fill the pit behind; else drop a share of the excess.
+                const float amount =
+                    st.dh > 0.0f ? min_of(st.dh * share, carried) : (carried - capacity) * k.deposition_rate;
+                std::int64_t units = fixed.encode(amount, g.overflow);
+                units = units < load ? units : load;
+                if (units > 0) {
+                    lay_down(g.laid, k.w, k.h, d.x, d.y, units);
+                    load -= units;
+                }
+            } else {
+                float amount = min_of((capacity - carried) * k.erosion_rate, -st.dh * share);
+                if (hardness) amount = amount * (1.0f - min_of(max_of(hardness[st.cell], 0.0f), 1.0f));
+                const std::int64_t units = fixed.encode(amount, g.overflow);
+                if (units > 0) {
+                    halden::compute::atomic_add(&g.request[st.cell], units);
+                    load += units;
+                }
+            }
+            move_on(d, st, k);
+        }
+        // Its lifetime over, the droplet drops its load where it stands.
+        if (load) lay_down(g.laid, k.w, k.h, d.x, d.y, load);
+    });
+}
+
+void spread(queue& q, const std::int64_t* request, const float* hardness, const std::int32_t* taps, int n,
+            std::int64_t* eroded, int w, int h) {
+    q.parallel_for(range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const int y = int(row), x = int(col), i = y * w + x;
+        std::int64_t total = 0;
+        // What the neighbours' requests put here.
+        for (int t = 0; t < n; ++t) {
+            const int sx = x - taps[3 * t], sy = y - taps[3 * t + 1];
+            if (sx < 0 || sy < 0 || sx >= w || sy >= h) continue;
+            const std::int64_t r = request[sy * w + sx];
+            if (r) total += part_of(r, weight_on(taps[3 * t + 2], hardness, i));
+        }
+        // What this cell's request keeps: all its taps inside the grid do not take.
+        const std::int64_t r = request[i];
+        if (r) {
+            std::int64_t given = 0;
+            for (int t = 0; t < n; ++t) {
+                const int tx = x + taps[3 * t], ty = y + taps[3 * t + 1];
+                if (tx < 0 || ty < 0 || tx >= w || ty >= h) continue;
+                given += part_of(r, weight_on(taps[3 * t + 2], hardness, ty * w + tx));
+            }
+            total += r - given;
+        }
+        eroded[i] = total;
+    });
+}
+
+ParallelErosion::ParallelErosion(queue& q, float* h_heights, const float* h_rain, const float* h_hardness,
+                                 float* h_erosion, float* h_deposition, float* h_discharge,
+                                 const Parameters& parameters, const halden_callbacks* callbacks)
+    : m_queue(q),
+      m_parameters(parameters),
+      m_heights(h_heights),
+      m_erosion(h_erosion),
+      m_deposition(h_deposition),
+      m_discharge(h_discharge),
+      m_callbacks(halden::complete(callbacks)) {
+    const std::string problem = check(m_parameters);
+    if (!problem.empty()) throw std::invalid_argument(problem);
+    const range<2> extent = halden::core::grid_extent(m_parameters.width, m_parameters.height);
+    const auto upload = [&](const float* host, const char* label) {
+        grid g;
+        if (!host) return g;
+        g = grid(q, extent, label);
+        g.copy_from_host(host);
+        return g;
+    };
+    m_rain = upload(h_rain, "rain");
+    m_hardness = upload(h_hardness, "hardness");
+    m_finest = std::make_unique<LaplacianLevel>(q, upload(h_heights, "heights"), plan::levels(m_parameters) - 1);
+    const std::vector<std::int32_t> taps = plan::brush(m_parameters.brush_radius);
+    m_tap_count = int(taps.size() / 3);
+    m_taps = usm_ptr<std::int32_t, 1>(q, {taps.empty() ? 1 : taps.size()}, "brush");
+    if (!taps.empty()) m_taps.copy_from_host(taps.data());
+}
+
+ParallelErosion::~ParallelErosion() {
+    try {
+        m_queue.synchronize();
+    } catch (...) {
+    }
+}
+
+bool ParallelErosion::report_progress() {
+    m_queue.synchronize();
+    const bool stop = m_callbacks.progress(float(100.0 * m_done / m_total)) != 0;
+    return !stop && m_callbacks.cancel() == 0;
+}
+
+namespace {
+
+void zero(queue& q, std::int64_t* d, std::size_t n) {
+    q.parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t i) { d[i] = 0; });
+}
+
+// Kernels of the level loop, outside the class: the device compiler wants
+// the functions around its lambdas public.
+void clear_flag(queue& q, std::uint32_t* flag) {
+    q.parallel_for(range<1>{1}, HALDEN_KERNEL(std::size_t) { *flag = 0; });
+}
+
+// The round's traced water, as floats, for the shares; the sums restart.
+void take_passing(queue& q, float* passing, std::int64_t* flux, std::size_t cells) {
+    q.parallel_for(range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
+        passing[i] = halden::core::fixed_point{fixed_shift}.decode(flux[i]);
+        flux[i] = 0;
+    });
+}
+
+// The level's grids a round updates.
+struct level_view {
+    float *heights, *deposited, *eroded, *water, *mean_x, *mean_y;
+    const float* passing;
+};
+
+// Applies the round: heights, the running maps and the mean flow; the
+// fixed-point sums restart.
+void apply_round(queue& q, const level_view& v, const round_grids& g, std::size_t cells, bool coupled) {
+    q.parallel_for(range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
+        const halden::core::fixed_point fixed{fixed_shift};
+        const std::int64_t down = g.laid[i], up = g.eroded[i];
+        v.heights[i] = v.heights[i] + fixed.decode(down - up);
+        v.deposited[i] = v.deposited[i] + fixed.decode(down);
+        v.eroded[i] = v.eroded[i] + fixed.decode(up);
+        const float water = v.passing[i];
+        v.water[i] = v.water[i] + water;
+        if (coupled) {
+            // The mean direction of this round's water, blended with the last.
+            const float mx = water > 0.0f ? fixed.decode(g.momentum[2 * i]) / water : 0.0f;
+            const float my = water > 0.0f ? fixed.decode(g.momentum[2 * i + 1]) / water : 0.0f;
+            v.mean_x[i] = 0.5f * v.mean_x[i] + 0.5f * mx;
+            v.mean_y[i] = 0.5f * v.mean_y[i] + 0.5f * my;
+            g.momentum[2 * i] = 0;
+            g.momentum[2 * i + 1] = 0;
+        }
+        g.request[i] = 0;
+        g.laid[i] = 0;
+    });
+}
+
+std::int64_t host_sum(queue& q, const usm_ptr<std::int64_t, 1>& g, std::size_t n) {
+    std::vector<std::int64_t> v(n);
+    q.copy(g.get(), v.data(), n * sizeof(std::int64_t));
+    q.synchronize();
+    std::int64_t s = 0;
+    for (std::int64_t x : v) s += x;
+    return s;
+}
+
+}  // namespace
+
+bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
+    queue& q = m_queue;
+    const Parameters& p = m_parameters;
+    const int w = level.width(), h = level.height();
+    const std::size_t cells = std::size_t(w) * std::size_t(h);
+    const bool coupled = p.flow_coupling != 0;
+    usm_ptr<std::int64_t, 1> request(q, {cells}, "erosion requests"), eroded(q, {cells}, "erosion"),
+        laid(q, {cells}, "deposits"), flux(q, {cells}, "water flux"),
+        momentum(q, {coupled ? 2 * cells : 1}, "momentum"), left(q, {1}, "sediment leaving"),
+        steps(q, {1}, "steps");
+    usm_ptr<std::uint32_t, 1> overflow(q, {1}, "overflow flag");
+    for (auto* g : {&request, &eroded, &laid, &flux, &momentum, &left, &steps}) zero(q, g->get(), g->size());
+    std::uint32_t* d_overflow = overflow.get();
+    clear_flag(q, d_overflow);
+
+    // The rain and hardness of this level: reduced from the finest level's.
+    grid rain, hardness;
+    const auto reduced = [&](const grid& finest, const char* label) {
+        grid g;
+        if (!finest.get()) return g;
+        g = grid(q, finest.extent(), label);
+        q.copy(finest.get(), g.get(), finest.bytes());
+        while (halden::core::width_of(g) != w || halden::core::height_of(g) != h) g = halden::core::reduce(g, label);
+        return g;
+    };
+    rain = reduced(m_rain, "rain");
+    hardness = reduced(m_hardness, "hardness");
+
+    const float cell = p.cell_size * float(p.width) / float(w);
+    round_constants k{};
+    k.w = w;
+    k.h = h;
+    k.seed = p.seed;
+    k.count = std::uint32_t(std::ceil(double(p.droplets) * double(cells)));
+    k.steps = std::max(1, int(p.lifetime / cell));
+    k.slope_scale = p.height_scale / cell;
+    k.inertia = p.inertia;
+    k.capacity = p.capacity;
+    k.min_slope = p.min_slope;
+    k.erosion_rate = p.erosion_rate;
+    k.deposition_rate = p.deposition_rate;
+    k.evaporation = p.evaporation;
+    k.gravity = p.gravity;
+    k.coupled = coupled;
+    float* d_passing = level.layer(LaplacianLevel::passing_grid).get();
+    const round_grids g{request.get(), eroded.get(), laid.get(), flux.get(), momentum.get(), left.get(), steps.get(),
+                        d_passing, d_overflow};
+
+    float* d_heights = level.heights().get();
+    float* d_deposited = level.layer(LaplacianLevel::carried_grid).get();
+    float* d_water = level.layer(LaplacianLevel::water_grid).get();
+    float* d_eroded = level.layer(LaplacianLevel::capacity_grid).get();
+    float* d_mean_x = level.layer(LaplacianLevel::mean_x_grid).get();
+    float* d_mean_y = level.layer(LaplacianLevel::mean_y_grid).get();
+    std::int64_t* d_request = request.get();
+    std::int64_t* d_eroded_units = eroded.get();
+    std::int64_t* d_flux = flux.get();
+    const auto round_number = [&](int r) {
+        return std::uint32_t(level_index) * std::uint32_t(max_rounds) + std::uint32_t(r);
+    };
+    const level_view view{d_heights, d_deposited, d_eroded, d_water, d_mean_x, d_mean_y, d_passing};
+    const std::uint64_t steps_before = m_steps;
+    for (int r = 0; r < p.rounds; ++r) {
+        k.round = round_number(r);
+        // The shares come from tracing the round's own droplets first: the
+        // water of the round before would not do, as droplets turning into
+        // a cell that was dry would each take its whole drop.
+        trace_droplets(q, d_heights, rain.get(), d_mean_x, d_mean_y, g, k);
+        take_passing(q, d_passing, d_flux, cells);
+        run_droplets(q, d_heights, rain.get(), hardness.get(), d_mean_x, d_mean_y, g, k);
+        spread(q, d_request, hardness.get(), m_taps.get(), m_tap_count, d_eroded_units, w, h);
+        if (m_count_mass) {
+            m_mass.taken += host_sum(q, request, cells);
+            m_mass.spread += host_sum(q, eroded, cells);
+            m_mass.laid += host_sum(q, laid, cells);
+            m_mass.left += host_sum(q, left, 1);
+            zero(q, left.get(), 1);
+        }
+        apply_round(q, view, g, cells, coupled);
+        std::uint32_t flagged = 0;
+        q.copy(d_overflow, &flagged, sizeof flagged);
+        std::int64_t walked = 0;
+        q.copy(steps.get(), &walked, sizeof walked);
+        m_done += double(cells);
+        ++m_rounds_run;
+        if (!report_progress()) return false;
+        m_steps = steps_before + std::uint64_t(walked);
+        if (flagged)
+            throw std::overflow_error("sediment or water overflowed its 64-bit fixed-point range; lower the "
+                                      "heights' magnitude or the droplet density");
+    }
+    return true;
+}
+
+bool ParallelErosion::process() {
+    const Parameters& p = m_parameters;
+    std::vector<LaplacianLevel*> chain{m_finest.get()};
+    for (int i = 0; i < m_finest->depth(); ++i) chain.push_back(&chain.back()->create_subsequent_level());
+    m_total = 0.0;
+    for (const LaplacianLevel* level : chain) m_total += double(level->width()) * double(level->height());
+    m_total = m_total * double(p.rounds > 0 ? p.rounds : 1);
+    m_done = 0.0;
+    const float detail = p.detail_scale / p.height_scale;
+    const bool coupled = p.flow_coupling != 0;
+    for (std::size_t i = chain.size(); i-- > 0;) {
+        LaplacianLevel& level = *chain[i];
+        if (coupled)
+            level.init<true>();
+        else
+            level.init<false>();
+        if (i + 1 < chain.size()) {
+            level.reconstruct_previous_level(detail);
+            level.release_coarser();
+        }
+        if (!erode(level, int(chain.size() - 1 - i))) return false;
+    }
+    m_queue.synchronize();
+    if (m_queue.has_pending_errors()) return true;
+    LaplacianLevel& f = *m_finest;
+    f.heights().copy_to_host(m_heights);
+    if (m_erosion) f.layer(LaplacianLevel::capacity_grid).copy_to_host(m_erosion);
+    if (m_deposition) f.layer(LaplacianLevel::carried_grid).copy_to_host(m_deposition);
+    if (m_discharge) {
+        // Water per droplet density and round, folded into [0, 1).
+        float* d_water = f.layer(LaplacianLevel::water_grid).get();
+        const float norm = 1.0f / (16.0f * p.droplets * float(p.rounds > 0 ? p.rounds : 1));
+        m_queue.parallel_for(range<1>{f.heights().size()}, HALDEN_KERNEL(std::size_t i) {
+            const float x = d_water[i] * norm;
+            d_water[i] = x / (x + 1.0f);
+        });
+        f.layer(LaplacianLevel::water_grid).copy_to_host(m_discharge);
+    }
+    m_queue.synchronize();
+    return true;
+}
+
+}  // namespace parallel_erosion
