@@ -61,10 +61,13 @@ TEST_P(ErosionExport, SedimentIsCountedExactly) {
 TEST_P(ErosionExport, NoRainFlatGroundAndHardGround) {
     const int w = 60, h = 50;
     const std::vector<float> in = hills(w, h, 9);
-    // No droplet runs without rain, over the whole pyramid.
-    std::vector<float> out = in, rain(w * h, 0.0f);
-    ASSERT_EQ(run(out, record(w, h), rain.data()), 0u);
+    // No droplet runs without rain, over the whole pyramid, and the maps
+    // show no work either.
+    std::vector<float> out = in, rain(w * h, 0.0f), removed(w * h, -1.0f), laid(w * h, -1.0f);
+    ASSERT_EQ(run(out, record(w, h), rain.data(), nullptr, removed.data(), laid.data()), 0u);
     expect_same_bits(out, in);
+    expect_same_bits(removed, std::vector<float>(w * h, 0.0f));
+    expect_same_bits(laid, std::vector<float>(w * h, 0.0f));
     // No round at all.
     parallel_erosion::Parameters p = record(w, h);
     p.rounds = 0;

@@ -551,6 +551,13 @@ bool ParallelErosion::process() {
         if (i + 1 < chain.size()) {
             level.reconstruct_previous_level(detail);
             level.release_coarser();
+            // No finer level reads the finest level's carried material and
+            // capacity, so they restart there and become the caller's
+            // deposition and erosion maps: this level's own work alone.
+            if (i == 0) {
+                halden::core::fill(level.layer(LaplacianLevel::carried_grid), 0.0f);
+                halden::core::fill(level.layer(LaplacianLevel::capacity_grid), 0.0f);
+            }
         }
         if (!erode(level, int(chain.size() - 1 - i))) return false;
     }
