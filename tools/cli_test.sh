@@ -75,9 +75,13 @@ sample=/usr/share/matplotlib/mpl-data/sample_data/jacksboro_fault_dem.npz
 gdal=$("$halden" --help | grep -q 'built in: yes' && echo yes)
 expect 0 "demo --size 64 --out demo" "$halden" demo --size 64 --out demo
 check "demo times its steps" grep -q '^  thermal shaping  *[0-9.]* ms' out.txt
-for f in terrain.npy median.npy thermal.npy flow.npy relief.png flow.png; do check "demo wrote $f" test -s "demo/$f"; done
+check "demo times its erosion" grep -q '^  erosion  *[0-9.]* ms' out.txt
+for f in terrain.npy median.npy thermal.npy flow.npy eroded.npy relief.png flow.png eroded.png; do
+    check "demo wrote $f" test -s "demo/$f"
+done
+check "the eroded relief differs from the relief" eval '! cmp -s demo/eroded.png demo/relief.png'
 if [ -n "$gdal" ] && [ -r "$sample" ]; then
-    for f in dem-relief.png dem-flow.png; do check "demo wrote $f from the real model" test -s "demo/$f"; done
+    for f in dem-relief.png dem-flow.png dem-eroded.png; do check "demo wrote $f from the real model" test -s "demo/$f"; done
 else
     echo "skip: demo on the real model (no GDAL or no $sample)"
 fi
@@ -178,6 +182,81 @@ interrupt() {
 }
 for _ in $(seq 64); do cat terrain.raw; done >big.raw
 interrupt flow cancelled.raw "$halden" flow big.raw cancelled.raw --size 512
+
+# --- thermal-erode ---------------------------------------------------------------------------
+# Checks of what the library promises whatever its tuning: a flat grid and
+# hard ground stay as they are, the closed borders keep the total height.
+expect 0 "thermal-erode, defaults" "$halden" thermal-erode demo/thermal.npy weathered.npy --deposition laid.npy
+check "thermal-erode prints its parameters" grep -q \
+    '^thermal-erode 64x64, talus 35 degrees, 64 iterations, cells 1 wide on ' out.txt
+check "thermal-erode changed the heights" eval '! cmp -s weathered.npy demo/thermal.npy'
+check "thermal-erode wrote the deposition" test "$(wc -c <laid.npy)" = "$(wc -c <weathered.npy)"
+expect 0 "thermal-erode on one level" "$halden" thermal-erode demo/thermal.npy weathered.npy --levels 1 \
+    --deposition laid.npy
+py "the total height is kept and nothing negative is laid down" 'import sys; from grid_load import load
+a, b, laid = load(sys.argv[1]), load(sys.argv[2]), load(sys.argv[3])
+sys.exit(0 if abs(sum(a) - sum(b)) <= 1e-5 * sum(abs(x) for x in a) and min(laid) >= 0 < max(laid) else 1)' \
+    demo/thermal.npy weathered.npy laid.npy
+expect 0 "thermal-erode of a flat grid" "$halden" thermal-erode zeros.raw flat-weathered.raw --talus-angle 1
+check "a flat grid stays flat" cmp flat-weathered.raw zeros.raw
+expect 0 "thermal-erode on hard ground (raw, all 1)" "$halden" thermal-erode demo/thermal.npy hard.npy --hardness ones.raw
+check "ground of hardness 1 sheds nothing" cmp hard.npy demo/thermal.npy
+expect 0 "thermal-erode with every option" "$halden" thermal-erode demo/thermal.npy options.npy --mask ones.raw \
+    --extent 640 --height-scale 2 --talus-angle 20 --talus-noise 0 --rate 1 --iterations 8 --levels 2 \
+    --burial-scale 0.5 --mask-strength 0.5 --seed 7
+check "it reports cells 10 wide" grep -q '^thermal-erode 64x64, talus 20 degrees, 8 iterations, cells 10 wide on ' out.txt
+expect 0 "thermal-erode of a 128x32 raw grid" "$halden" thermal-erode terrain.raw wide.raw --size 128 --cell-size 5
+check "thermal-erode reports 128x32" grep -q '^thermal-erode 128x32,' out.txt
+expect 2 "thermal-erode with a 64x32 hardness grid for 64x64" "$halden" thermal-erode demo/thermal.npy out.npy \
+    --hardness half.raw
+check "it names the hardness grid" grep -q 'half.raw: the hardness grid is 64x32, but demo/thermal.npy is 64x64' err.txt
+expect 2 "thermal-erode with a 64x32 mask for 64x64" "$halden" thermal-erode demo/thermal.npy out.npy --mask half.raw
+for bad in "--talus-angle 90" "--talus-noise 1.5" "--rate 0" "--iterations 100001" "--levels 65" "--burial-scale 0" \
+    "--mask-strength -0.1" "--seed -1" "--cell-size 2 --extent 64"; do
+    # shellcheck disable=SC2086  # each entry is options and their values
+    expect 1 "thermal-erode $bad" "$halden" thermal-erode demo/thermal.npy out.npy $bad
+done
+check "the usage errors wrote nothing" test ! -e out.npy
+interrupt thermal-erode cancelled.raw "$halden" thermal-erode big.raw cancelled.raw --size 512 --iterations 100000 \
+    --deposition cancelled-laid.raw
+check "a cancelled thermal-erode writes no deposition" test ! -e cancelled-laid.raw
+
+# --- erode -------------------------------------------------------------------------------------
+expect 0 "erode, one round, every map" "$halden" erode demo/thermal.npy eroded.npy --rounds 1 \
+    --erosion cut.npy --deposition settled.npy --discharge water.npy
+check "erode prints its parameters" grep -q '^erode 64x64, [0-9.]* droplets per cell, 1 rounds, seed 1, cells 1 wide on ' out.txt
+check "erode changed the heights" eval '! cmp -s eroded.npy demo/thermal.npy'
+py "the maps have the grid's size and their ranges" 'import sys; from grid_load import load
+cut, settled, water = (load(f) for f in sys.argv[1:])
+ok = len(cut) == len(settled) == len(water) == 64 * 64 and min(cut) >= 0 and min(settled) >= 0
+sys.exit(0 if ok and 0 <= min(water) < max(water) <= 1 else 1)' cut.npy settled.npy water.npy
+expect 0 "erode --seed 2" "$halden" erode demo/thermal.npy seed2.npy --rounds 1 --seed 2 --json
+check "erode --json fields" grep -q '^{"operation": "erode", "device": ".*", "width": 64, "height": 64, ' out.txt
+check "another seed gives another result" eval '! cmp -s seed2.npy eroded.npy'
+expect 0 "erode without rain (raw, all 0)" "$halden" erode demo/thermal.npy dry.npy --rain zeros.raw
+check "no rain leaves the heights as they were" cmp dry.npy demo/thermal.npy
+expect 0 "erode with every option" "$halden" erode demo/thermal.npy options.npy --rain ones.raw --hardness zeros.raw \
+    --extent 640 --height-scale 2 --droplets 0.5 --rounds 1 --lifetime 100 --inertia 0.5 --capacity 2 \
+    --min-slope 0.05 --erosion-rate 0.2 --deposition-rate 0.4 --evaporation 0.1 --gravity 2 --brush-radius 0 \
+    --flow-coupling 0 --levels 1 --detail-scale 3 --seed 3
+check "it reports cells 10 wide" grep -q '^erode 64x64, 0.5 droplets per cell, 1 rounds, seed 3, cells 10 wide on ' out.txt
+expect 2 "erode with a 64x32 rain grid for 64x64" "$halden" erode demo/thermal.npy out.npy --rain half.raw
+check "it names the rain grid" grep -q 'half.raw: the rain grid is 64x32, but demo/thermal.npy is 64x64' err.txt
+for bad in "--droplets 0" "--droplets 17" "--rounds 100001" "--lifetime 0" "--inertia 1" "--capacity -1" \
+    "--min-slope nan" "--erosion-rate 1.5" "--deposition-rate -1" "--evaporation 1" "--gravity -2" \
+    "--brush-radius 9" "--flow-coupling 2" "--levels 65" "--detail-scale 0" "--seed 4294967296" \
+    "--cell-size 2 --extent 64"; do
+    # shellcheck disable=SC2086
+    expect 1 "erode $bad" "$halden" erode demo/thermal.npy out.npy $bad
+done
+expect 3 "an erosion record the library rejects" "$halden" erode demo/thermal.npy out.npy --lifetime 1e9
+check "the library's reason reaches stderr" grep -q 'lifetime must be at most 65536 cells' err.txt
+check "one failure makes one line" test "$(wc -l <err.txt)" = 1
+check "the failures wrote nothing" test ! -e out.npy
+# Flat ground: the droplets run every round without wearing anything away.
+head -c $((512 * 512 * 4)) /dev/zero >big-flat.raw
+interrupt erode cancelled.raw "$halden" erode big-flat.raw cancelled.raw --rounds 100000 --discharge cancelled-water.raw
+check "a cancelled erode writes no map" test ! -e cancelled-water.raw
 
 # --- shade ------------------------------------------------------------------------------------
 expect 0 "shade, defaults" "$halden" shade demo/terrain.npy shaded.png
@@ -355,7 +434,8 @@ check "it names the file and the formats" grep -q 'no-extension: no extension .*
 # --- what every command shares ----------------------------------------------------------------
 # Every operation command takes --no-progress and prints its times under --json.
 printf 'v 0 0 2\nv 1 0 2\nv 0 1 2\nf 1 2 3\n' >tri.obj
-runs=("median demo/terrain.npy j.npy" "thermal-shape demo/terrain.npy j.npy" "flow demo/terrain.npy j.npy"
+runs=("median demo/terrain.npy j.npy" "thermal-shape demo/terrain.npy j.npy" "thermal-erode demo/terrain.npy j.npy"
+    "erode demo/terrain.npy j.npy --rounds 1" "flow demo/terrain.npy j.npy"
     "shade demo/terrain.npy j.png" "blur demo/terrain.npy j.npy" "rasterize tri.obj j.npy --size 8 8"
     "demo --size 16 --out j --dem none")
 for run in "${runs[@]}"; do
@@ -382,16 +462,17 @@ check "it names what is missing" grep -qx 'halden: error: blur needs IN and OUT 
 expect 1 "no command" "$halden"
 check "the usage goes to stderr" eval 'test ! -s out.txt && grep -q "^usage: halden <command>" err.txt'
 expect 0 "--help" "$halden" --help
-check "--help lists every command" bash -c 'for c in devices median thermal-shape flow shade blur rasterize demo; do
+check "--help lists every command" bash -c 'for c in devices median thermal-shape thermal-erode erode flow shade blur \
+    rasterize demo; do
     grep -q "^  $c " out.txt || exit 1; done'
 
 # --- common failures and help ------------------------------------------------------------------
-for command in median thermal-shape flow blur; do
+for command in median thermal-shape thermal-erode erode flow blur; do
     expect 2 "$command of a missing file" "$halden" "$command" no-such-file.npy out.npy
     expect 3 "$command on an unknown device" "$halden" "$command" demo/terrain.npy out.npy --device no-such-device
 done
 check "failures wrote nothing" test ! -e out.npy
-for command in devices median thermal-shape flow shade blur rasterize demo; do
+for command in devices median thermal-shape thermal-erode erode flow shade blur rasterize demo; do
     expect 0 "$command --help" "$halden" "$command" --help
     check "$command --help shows its usage" grep -q "^usage: halden $command" out.txt
 done

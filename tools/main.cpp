@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// halden: lists devices, median-filters, blurs and thermally shapes grid
-// files, computes flow maps, shades height grids into pictures, renders
+// halden: lists devices, median-filters, blurs, thermally shapes and erodes
+// grid files, computes flow maps, shades height grids into pictures, renders
 // triangle meshes into height grids and runs a cross-device demo, all through
 // the public C interface.
 //

@@ -27,16 +27,17 @@ run on the thread that made the call; one that uses or closes the queue of the
 call running it raises RuntimeError.
 
 Progress and cancel follow what the library reports for each operation:
-flow() takes `progress`, a callable(percent) called as the run advances, or
-True for a text bar on stderr, and `cancel`, a callable polled as it runs;
-shade() and rasterize() take `cancel` only; median_filter(), blur() and
-thermal_shape() take neither. A true return from either callback stops the
-run with Cancelled, and the inputs stay as they were.
+flow(), thermal_erode() and erode() take `progress`, a callable(percent)
+called as the run advances, or True for a text bar on stderr, and `cancel`, a
+callable polled as it runs; shade() and rasterize() take `cancel` only;
+median_filter(), blur() and thermal_shape() take neither. A true return from
+either callback stops the run with Cancelled, and the inputs stay as they
+were.
 
 The operations live in one module per family and are all re-exported here:
 queues (Device, devices, Queue), filters (median_filter, blur), shaping
-(thermal_shape), flowmaps (flow), lighting (shade, Shading) and meshes
-(rasterize).
+(thermal_shape), erosion (thermal_erode, Weathering, erode, Erosion),
+flowmaps (flow), lighting (shade, Shading) and meshes (rasterize).
 
 The shared library is loaded from the path in the environment variable
 HALDEN_LIBRARY when that is set, else from libHalden.AdaptiveCpp.so (or
@@ -44,6 +45,7 @@ libHalden.AdaptiveCpp.so.*) next to this file.
 """
 
 from ._calls import Cancelled, HaldenError
+from .erosion import Erosion, Weathering, erode, thermal_erode
 from .filters import blur, median_filter
 from .flowmaps import flow
 from .lighting import Shading, shade
@@ -51,10 +53,10 @@ from .meshes import rasterize
 from .queues import Device, Queue, devices
 from .shaping import thermal_shape
 
-__all__ = ["Cancelled", "Device", "HaldenError", "Queue", "Shading", "blur", "devices", "flow",
-           "median_filter", "rasterize", "shade", "thermal_shape"]
+__all__ = ["Cancelled", "Device", "Erosion", "HaldenError", "Queue", "Shading", "Weathering", "blur", "devices",
+           "erode", "flow", "median_filter", "rasterize", "shade", "thermal_erode", "thermal_shape"]
 
 # Tracebacks and reprs then name the classes where users find them.
-for _public in (Cancelled, Device, HaldenError, Queue, Shading):
+for _public in (Cancelled, Device, Erosion, HaldenError, Queue, Shading, Weathering):
     _public.__module__ = __name__
 del _public

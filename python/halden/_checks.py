@@ -41,13 +41,14 @@ def grid(array: npt.ArrayLike, what: str = "heights", square: bool = False) -> n
     return np.array(a, dtype=np.float32, order="C", copy=True)
 
 
-def mask(array: npt.ArrayLike | None, shape: tuple[int, int]) -> np.ndarray | None:
-    """A grid() copy of an optional per-cell mask, which must match the heights."""
+def mask(array: npt.ArrayLike | None, shape: tuple[int, int], what: str = "mask") -> np.ndarray | None:
+    """A grid() copy of an optional per-cell mask (or another per-cell grid
+    named `what`), which must match the heights."""
     if array is None:
         return None
-    m = grid(array, "mask")
+    m = grid(array, what)
     if m.shape != shape:
-        raise ValueError(f"mask shape {m.shape} differs from the height grid's {shape}")
+        raise ValueError(f"{what} shape {m.shape} differs from the height grid's {shape}")
     return m
 
 
@@ -116,6 +117,21 @@ def number(value: object, what: str, ok: Callable[[float], bool] = math.isfinite
 
 def positive(value: object, what: str) -> float:
     return number(value, what, lambda x: 0 < x < math.inf, "finite and > 0")
+
+
+def non_negative(value: object, what: str) -> float:
+    return number(value, what, lambda x: 0 <= x < math.inf, "finite and >= 0")
+
+
+def between(value: object, what: str, low: float, high: float, above: bool = False, below: bool = False) -> float:
+    """`value` from `low` to `high`; `above` and `below` leave out the ends."""
+    def ok(x: float) -> bool:
+        return (x > low if above else x >= low) and (x < high if below else x <= high)
+    if not above and not below:
+        rule = f"{low:g} to {high:g}"
+    else:
+        rule = f"{'above' if above else 'at least'} {low:g} and {'below' if below else 'at most'} {high:g}"
+    return number(value, what, ok, rule)
 
 
 def vector(values: object, what: str) -> ctypes.Array:

@@ -84,6 +84,22 @@ class ThermalParameters(ctypes.Structure):
                 ("level_factor", f32), ("strength", f32), ("amount", f32), ("reserved", u32)]
 
 
+@_record("halden_thermal_parameters")
+class WeatheringParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("cell_size", f32), ("height_scale", f32), ("talus_angle", f32),
+                ("talus_noise", f32), ("rate", f32), ("iterations", i32), ("levels", i32), ("burial_scale", f32),
+                ("mask_strength", f32), ("seed", u32)]
+
+
+@_record("halden_erosion_parameters")
+class ErosionParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("cell_size", f32), ("height_scale", f32), ("droplets", f32),
+                ("rounds", i32), ("lifetime", f32), ("inertia", f32), ("capacity", f32), ("min_slope", f32),
+                ("erosion_rate", f32), ("deposition_rate", f32), ("evaporation", f32), ("gravity", f32),
+                ("brush_radius", f32), ("flow_coupling", i32), ("levels", i32), ("detail_scale", f32),
+                ("seed", u32)]
+
+
 @_record("halden_flow_parameters")
 class FlowParameters(ctypes.Structure):
     _fields_ = [("width", i32), ("height", i32), ("length", f32), ("accumulation", f32), ("seed", u32)]
@@ -144,6 +160,10 @@ MedianFilter = _declare("MedianFilter", u32, QUEUE, FLOATS, ctypes.POINTER(Media
 Blur = _declare("Blur", u32, QUEUE, FLOATS, i32, f32, TABLE_P)
 ThermalShaper_Process = _declare("ThermalShaper_Process", u32, QUEUE, FLOATS, FLOATS,
                                  ctypes.POINTER(ThermalParameters), TABLE_P)
+ThermalSimulation = _declare("ThermalSimulation", u32, QUEUE, FLOATS, FLOATS, FLOATS, FLOATS,
+                            ctypes.POINTER(WeatheringParameters), TABLE_P)
+ParallelErosionSimulation = _declare("ParallelErosionSimulation", u32, QUEUE, *[FLOATS] * 6,
+                                     ctypes.POINTER(ErosionParameters), TABLE_P)
 FlowSimulation = _declare("FlowSimulation", u32, QUEUE, ctypes.c_uint64, FLOATS, FLOATS,
                           ctypes.POINTER(FlowParameters), TABLE_P)
 Shade = _declare("Shade", u32, QUEUE, *[FLOATS] * 10, ctypes.POINTER(LightingParameters), TABLE_P)

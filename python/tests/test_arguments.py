@@ -47,6 +47,9 @@ def test_scalars_are_taken_as_records_hold_them():
     (lambda: _checks.number("1.5", "scale"), TypeError, "scale must be a real number"),
     (lambda: _checks.number(10**400, "scale"), ValueError, "scale must be finite"),
     (lambda: _checks.positive(1e-50, "extent"), ValueError, "extent must be finite and > 0"),  # 0 as a float32
+    (lambda: _checks.between(1, "inertia", 0, 1, below=True), ValueError, "inertia must be at least 0 and below 1"),
+    (lambda: _checks.between(0, "rate", 0, 1, above=True), ValueError, "rate must be above 0 and at most 1"),
+    (lambda: _checks.mask(np.ones((2, 3)), (3, 2), "rain"), ValueError, r"rain shape \(2, 3\) differs"),
     (lambda: _checks.vector((1, 2), "centre"), ValueError, "centre must have 3 components"),
     (lambda: _checks.vector(5, "offset"), TypeError, "offset must be a sequence"),
     (lambda: _checks.device_key(b"cpu"), TypeError, "a device key is a str"),

@@ -22,6 +22,8 @@ LOWEST = np.finfo(np.float32).min
 OPS = {
     "median": lambda q, h: halden.median_filter(q, h, radius=2),
     "thermal": lambda q, h: halden.thermal_shape(q, h),
+    "thermal_erode": lambda q, h: halden.thermal_erode(q, h, iterations=16),
+    "erode": lambda q, h: halden.erode(q, h, rounds=1),
     "flow": lambda q, h: halden.flow(q, h, length=0.25),
     "shade": lambda q, h: halden.shade(q, h, sky_directions=8).rgb,
     "blur": lambda q, h: halden.blur(q, h, radius=2.5),

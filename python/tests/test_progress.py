@@ -47,6 +47,12 @@ CANCELLABLE = {
              lambda q, inputs, cancel: halden.flow(q, inputs[0], mask=inputs[1], cancel=cancel)),
     "shade": (lambda: (HEIGHTS.copy(), np.full(HEIGHTS.shape + (3,), 0.5, np.float32)),
               lambda q, inputs, cancel: halden.shade(q, inputs[0], albedo=inputs[1], cancel=cancel).rgb),
+    "thermal_erode": (lambda: (HEIGHTS.copy(), np.full_like(HEIGHTS, 0.5), np.full_like(HEIGHTS, 0.25)),
+                      lambda q, inputs, cancel: halden.thermal_erode(q, inputs[0], mask=inputs[1], hardness=inputs[2],
+                                                                     deposition=True, cancel=cancel)),
+    "erode": (lambda: (HEIGHTS.copy(), np.full_like(HEIGHTS, 0.5), np.full_like(HEIGHTS, 0.25)),
+              lambda q, inputs, cancel: halden.erode(q, inputs[0], rain=inputs[1], hardness=inputs[2], rounds=2,
+                                                     discharge=True, cancel=cancel)),
     "rasterize": (lambda: tuple(a.copy() for a in QUAD),
                   lambda q, inputs, cancel: halden.rasterize(q, *inputs, 32, 32, ids=True, cancel=cancel)),
 }

@@ -92,7 +92,8 @@ int read_heights(Context& context, const std::string& path, Grid& grid, std::vec
     });
 }
 
-int read_mask(Context& context, const std::string& path, const std::string& in, const Grid& grid, Grid& mask) {
+int read_mask(Context& context, const std::string& path, const std::string& in, const Grid& grid, Grid& mask,
+              const char* what) {
     return add_time(context.timings.read, [&] {
         std::string error, said;
         ReadOptions options;
@@ -100,7 +101,7 @@ int read_mask(Context& context, const std::string& path, const std::string& in, 
         options.range = std::make_pair(0.0f, 1.0f);
         if (!read_grid(path, options, mask, error, said)) return fail(kIo, "%s", error.c_str());
         if (mask.width != grid.width || mask.height != grid.height)
-            return fail(kIo, "%s: the mask is %ux%u, but %s is %ux%u", path.c_str(), mask.width, mask.height,
+            return fail(kIo, "%s: the %s is %ux%u, but %s is %ux%u", path.c_str(), what, mask.width, mask.height,
                         in.c_str(), grid.width, grid.height);
         for (float& m : mask.cells)
             if (std::isnan(m)) m = 0.0f;
@@ -135,6 +136,8 @@ double world_width(const Grid& grid) {
     const double latitude = geo.transform[3] + geo.transform[5] * grid.height / 2.0;
     return width * kMetresPerDegree * std::cos(latitude * kRadians);
 }
+
+double cell_width(const Grid& grid) { return world_width(grid) / grid.width; }
 
 bool int32_grid_ok(const Grid& grid) {
     return grid.width <= INT32_MAX && grid.height <= INT32_MAX && grid.cells.size() <= size_t{INT32_MAX};

@@ -22,9 +22,11 @@ int read_heights(Context& context, const std::string& path, Grid& grid, std::vec
 
 // Reads the mask M of `grid`, read from IN, into `mask`: a raw mask comes in
 // rows of IN's width, other formats bring their own shape, which must be
-// IN's. PNG samples span 0 to 1; missing cells count as 0. Returns kOk or kIo
-// after a message.
-int read_mask(Context& context, const std::string& path, const std::string& in, const Grid& grid, Grid& mask);
+// IN's. PNG samples span 0 to 1; missing cells count as 0. Other per-cell
+// grids of 0 to 1 (hardness, rain) are read the same way, `what` naming them
+// in the message. Returns kOk or kIo after a message.
+int read_mask(Context& context, const std::string& path, const std::string& in, const Grid& grid, Grid& mask,
+              const char* what = "mask");
 
 // Missing cells (NaN: a file's no-data cells) would spread through the
 // kernels' neighbourhoods. They take the lowest height for the run and are
@@ -37,6 +39,10 @@ void mark_missing(Grid& grid, const std::vector<size_t>& missing);
 // coordinates are taken as metres, degrees are converted at the grid's middle
 // latitude. 0 when unknown.
 double world_width(const Grid& grid);
+
+// The world width of one cell: world_width / the grid's width, 0 when
+// unknown.
+double cell_width(const Grid& grid);
 
 // Whether the exports that take int32 sides and at most 2^31 - 1 cells (all
 // but the median filter and the blur) can take the grid.

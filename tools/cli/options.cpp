@@ -28,6 +28,11 @@ bool parse_finite(const std::string& text, float& value) {
     return true;
 }
 
+std::string Interval::describe() const {
+    if (with_low && with_high) return format("from %g to %g", low, high);
+    return format("%s %g and %s %g", with_low ? "of at least" : "above", low, with_high ? "at most" : "below", high);
+}
+
 bool Option::given() const { return option_ != nullptr && option_->count() > 0; }
 
 const std::string& Option::at(size_t i) const {
@@ -101,6 +106,23 @@ const Option& Definition::number(const char* name, float& value, Sign sign, cons
                  sign == Sign::kAny        ? "finite"
                  : sign == Sign::kPositive ? "positive finite"
                                            : "finite, non-negative",
+                 option.text().c_str());
+            return false;
+        }
+        value = parsed;
+        return true;
+    };
+    return option;
+}
+
+const Option& Definition::number(const char* name, float& value, Interval interval, const char* value_name,
+                                 const char* help) {
+    Option& option = add(Option::Kind::kValue, name, value_name, help);
+    option.option_ = app_.add_option(name, option.text_, help);
+    option.check_ = [&option, &value, interval] {
+        float parsed = 0.0f;
+        if (!parse_finite(option.text(), parsed) || !interval.contains(parsed)) {
+            fail(kUsage, "%s expects a number %s, got '%s'", option.name().c_str(), interval.describe().c_str(),
                  option.text().c_str());
             return false;
         }

@@ -22,6 +22,20 @@ class Context;
 
 enum class Sign { kAny, kPositive, kNonNegative };
 
+// The finite numbers from `low` to `high`, each end included or not:
+// Interval{0, true, 90, false} is "of at least 0 and below 90".
+struct Interval {
+    float low;
+    bool with_low;
+    float high;
+    bool with_high;
+    bool contains(float v) const {
+        return (with_low ? v >= low : v > low) && (with_high ? v <= high : v < high);
+    }
+    // "from 0 to 1", "above 0 and at most 1", "above 0 and below 90", "of at least 0 and below 1"
+    std::string describe() const;
+};
+
 // The whole of `text` as a whole number in [low, high].
 bool parse_whole(const std::string& text, uint64_t low, uint64_t high, uint64_t& value);
 // The whole of `text` as a finite float.
@@ -84,6 +98,9 @@ class Definition {
                         const char* help);
     // A finite float of the given sign.
     const Option& number(const char* name, float& value, Sign sign, const char* value_name, const char* help);
+    // A finite float in `interval`.
+    const Option& number(const char* name, float& value, Interval interval, const char* value_name,
+                         const char* help);
     // A text that must not be empty (a path, a key).
     const Option& text(const char* name, std::string& value, const char* value_name, const char* help);
     // Two values ("--size W H"), checked by the command (see check).

@@ -18,11 +18,13 @@
     X(devices, "devices", "list the devices and their keys")                                                  \
     X(median, "median", "median-filter a square height grid")                                                 \
     X(thermal_shape, "thermal-shape", "wear down the ridges (or fill the valleys) of a height grid")          \
+    X(thermal_erode, "thermal-erode", "let the steep slopes of a height grid slide until they settle")        \
+    X(erode, "erode", "erode a height grid with water droplets that carry sediment downhill")                 \
     X(flow, "flow", "map where water runs on a height grid")                                                  \
     X(shade, "shade", "light a height grid with sun and sky and write a PNG picture")                         \
     X(blur, "blur", "blur a square grid with an almost-Gaussian filter")                                      \
     X(rasterize, "rasterize", "render a triangle mesh (Wavefront OBJ) into a height grid")                    \
-    X(demo, "demo", "shape, flow-map and shade a generated terrain and a real one into pictures")
+    X(demo, "demo", "shape, erode, flow-map and shade a generated terrain and a real one into pictures")
 
 namespace commands {
 

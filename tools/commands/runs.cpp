@@ -87,6 +87,83 @@ uint32_t run_flow(halden_queue* queue, const Grid& heights, Grid& map, bool mask
     });
 }
 
+halden_thermal_parameters thermal_erosion_defaults(float cell_size, float height_scale) {
+    using namespace defaults;
+    halden_thermal_parameters p{};
+    p.cell_size = cell_size;
+    p.height_scale = height_scale;
+    p.talus_angle = kTalusAngle;
+    p.talus_noise = kTalusNoise;
+    p.rate = kThermalRate;
+    p.iterations = static_cast<int32_t>(kThermalIterations);
+    p.levels = static_cast<int32_t>(kThermalLevels);
+    p.burial_scale = kBurialScale;
+    p.mask_strength = kMaskStrength;
+    p.seed = kThermalSeed;
+    return p;
+}
+
+halden_erosion_parameters erosion_defaults(float cell_size, float height_scale) {
+    using namespace defaults;
+    halden_erosion_parameters p{};
+    p.cell_size = cell_size;
+    p.height_scale = height_scale;
+    p.droplets = kDroplets;
+    p.rounds = static_cast<int32_t>(kRounds);
+    p.lifetime = kLifetimeCells * cell_size;
+    p.inertia = kInertia;
+    p.capacity = kCapacity;
+    p.min_slope = kMinSlope;
+    p.erosion_rate = kErosionRate;
+    p.deposition_rate = kDepositionRate;
+    p.evaporation = kEvaporation;
+    p.gravity = kGravity;
+    p.brush_radius = kBrushRadius;
+    p.flow_coupling = static_cast<int32_t>(kFlowCoupling);
+    p.levels = static_cast<int32_t>(kErosionLevels);
+    p.detail_scale = kDetailHeights * height_scale;
+    p.seed = kErosionSeed;
+    return p;
+}
+
+namespace {
+
+// `map`, when not null, sized to `grid` and zero-filled; its cells for the
+// export, or null.
+float* output_for(const Grid& grid, Grid* map) {
+    if (!map) return nullptr;
+    map->width = grid.width;
+    map->height = grid.height;
+    map->georeference = grid.georeference;
+    map->cells.assign(grid.cells.size(), 0.0f);
+    return map->cells.data();
+}
+
+}  // namespace
+
+uint32_t run_thermal_erosion(halden_queue* queue, Grid& grid, const float* mask, const float* hardness,
+                             Grid* deposition, halden_thermal_parameters parameters, cli::Timing& timing) {
+    parameters.width = static_cast<int32_t>(grid.width);
+    parameters.height = static_cast<int32_t>(grid.height);
+    float* const laid = output_for(grid, deposition);
+    return cli::timed(static_cast<double>(grid.cells.size()), timing, [&] {
+        return ThermalSimulation(queue, grid.cells.data(), mask, laid, hardness, &parameters, cli::callbacks());
+    });
+}
+
+uint32_t run_erosion(halden_queue* queue, Grid& grid, const float* rain, const float* hardness,
+                     const ErosionMaps& maps, halden_erosion_parameters parameters, cli::Timing& timing) {
+    parameters.width = static_cast<int32_t>(grid.width);
+    parameters.height = static_cast<int32_t>(grid.height);
+    float* const eroded = output_for(grid, maps.erosion);
+    float* const laid = output_for(grid, maps.deposition);
+    float* const water = output_for(grid, maps.discharge);
+    return cli::timed(static_cast<double>(grid.cells.size()), timing, [&] {
+        return ParallelErosionSimulation(queue, grid.cells.data(), rain, hardness, eroded, laid, water, &parameters,
+                                         cli::callbacks());
+    });
+}
+
 std::string describe_lighting(const Lighting& l) {
     char text[160];
     const uint32_t samples = 3 * l.rings * l.rings + 3 * l.rings + 1;
