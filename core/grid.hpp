@@ -33,6 +33,15 @@ int height_of(const Grid& g) {
     return static_cast<int>(g.extent().rows);
 }
 
+// A device copy of the caller's w x h grid, or an empty grid for an optional
+// one not given.
+inline grid upload_optional(compute::queue& q, const float* host, int w, int h, const char* label) {
+    if (!host) return grid();
+    grid g(q, grid_extent(w, h), label);
+    g.copy_from_host(host);
+    return g;
+}
+
 // The half-size extent of a coarser level: odd sizes round up.
 inline compute::range<2> half_extent(compute::range<2> fine) { return {(fine.rows + 1) / 2, (fine.cols + 1) / 2}; }
 

@@ -346,13 +346,8 @@ ParallelErosion::ParallelErosion(queue& q, float* h_heights, const float* h_rain
       m_callbacks(halden::complete(callbacks)) {
     const std::string problem = check(m_parameters);
     if (!problem.empty()) throw std::invalid_argument(problem);
-    const range<2> extent = halden::core::grid_extent(m_parameters.width, m_parameters.height);
     const auto upload = [&](const float* host, const char* label) {
-        grid g;
-        if (!host) return g;
-        g = grid(q, extent, label);
-        g.copy_from_host(host);
-        return g;
+        return halden::core::upload_optional(q, host, m_parameters.width, m_parameters.height, label);
     };
     m_rain = upload(h_rain, "rain");
     m_hardness = upload(h_hardness, "hardness");

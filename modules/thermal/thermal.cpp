@@ -222,13 +222,8 @@ Thermal::Thermal(queue& q, float* h_heights, const float* h_mask, float* h_depos
       m_callbacks(halden::complete(callbacks)) {
     const std::string problem = check(m_parameters);
     if (!problem.empty()) throw std::invalid_argument(problem);
-    const range<2> extent = halden::core::grid_extent(m_parameters.width, m_parameters.height);
     const auto upload = [&](const float* host, const char* label) {
-        grid g;
-        if (!host) return g;
-        g = grid(q, extent, label);
-        g.copy_from_host(host);
-        return g;
+        return halden::core::upload_optional(q, host, m_parameters.width, m_parameters.height, label);
     };
     grid heights = upload(h_heights, "heights");
     const std::array<float, talus_steps> slopes = plan::talus_slopes(m_parameters);
