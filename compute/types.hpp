@@ -23,6 +23,11 @@
 #else
 #  define HALDEN_UNROLL _Pragma("GCC unroll 16")
 #endif
+// nvcc's front end does not know the GCC pragma but hands it on to the host
+// compiler, which does: its warning says nothing.
+#if defined(__CUDACC__) && !defined(__CUDA_ARCH__) && !defined(__clang__)
+#  pragma nv_diag_suppress 1675
+#endif
 
 namespace halden::compute {
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "api/frame.hpp"
+#include "compute/native/launch.hpp"
 #include "support.hpp"
 
 using halden::test::expect_same_bits;
@@ -65,8 +66,8 @@ results run_all(halden_queue* q, const halden_callbacks& cb) {
     l.shadow_samples = 1, l.sun_size = 0.53f, l.ao_directions = l.hybrid_ao_directions = 8;
     l.light_scale = l.sun_strength = l.exposure = 1.0f, l.sky_strength = 0.4f;
     l.sun_enabled = l.sky_enabled = l.shadows_enabled = l.ao_enabled = 1;
-    r.status[1] = Shade(q, h.data(), nullptr, nullptr, nullptr, r.light.data(), r.light.data(), r.light.data(),
-                        nullptr, nullptr, nullptr, &l, &cb);
+    r.status[1] = Shade(q, h.data(), nullptr, nullptr, nullptr, r.light.data(), r.light.data(), r.light.data(), nullptr,
+                        nullptr, nullptr, &l, &cb);
     std::vector<float> vertices;
     std::vector<std::uint32_t> triangles;
     for (std::uint32_t i = 0; i < n * n; ++i) vertices.insert(vertices.end(), {i % n + 0.5f, i / n + 0.5f, h[i]});
@@ -125,33 +126,63 @@ TEST(Threads, OneQueueCancellingOrFailingNeverReachesAnother) {
     DestroySyclQueue(restless);
 }
 
+// Every operation on one queue, its results end to end.
+results run_everything(halden_queue* q, const halden_callbacks& cb) {
+    results r = run_all(q, cb);
+    std::vector<float> h = hills(), median = h, blurred = h, shaped = h, weathered = h, eroded = h;
+    const halden_median_filter_parameters m{n, 3, 2, 0};
+    MedianFilter(q, median.data(), &m);
+    EXPECT_EQ(Blur(q, blurred.data(), n, 2.5f, &cb), 0u);
+    const halden_thermal_shaper_parameters t{n, n, 1.0f, float(n), 0.125f, 1.0f, -0.5f, 0};
+    EXPECT_EQ(ThermalShaper_Process(q, shaped.data(), nullptr, &t, &cb), 0u);
+    const halden_thermal_parameters th{n, n, 1.0f, 1.0f, 30.0f, 0.2f, 0.5f, 16, 0, 1.0f, 1.0f, 1};
+    EXPECT_EQ(ThermalSimulation(q, weathered.data(), nullptr, nullptr, nullptr, &th, &cb), 0u);
+    const halden_erosion_parameters e{n,    n,    1.0f,  1.0f, 0.5f, 4, 32.0f, 0.3f, 4.0f, 0.01f,
+                                      0.3f, 0.3f, 0.02f, 4.0f, 2.0f, 1, 0,     1.0f, 7};
+    EXPECT_EQ(ParallelErosionSimulation(q, eroded.data(), nullptr, nullptr, nullptr, nullptr, nullptr, &e, &cb), 0u);
+    for (const std::vector<float>* v : {&median, &blurred, &shaped, &weathered, &eroded, &r.ids})
+        r.flow.insert(r.flow.end(), v->begin(), v->end());
+    return r;
+}
+
+void expect_same_results(const results& a, const results& b) {
+    EXPECT_EQ(a.status[0] + a.status[1] + a.status[2], 0u);
+    expect_same_bits(b.flow, a.flow);
+    expect_same_bits(b.light, a.light);
+    expect_same_bits(b.mesh, a.mesh);
+}
+
 TEST(Threads, OneWorkerThreadAndTwoGiveTheSameBits) {
     const halden_callbacks cb = thread_table();
     halden_queue* q = CreateSyclQueue("cpu", nullptr);
     ASSERT_NE(q, nullptr);
-    const auto everything = [&] {
-        results r = run_all(q, cb);
-        std::vector<float> h = hills(), median = h, blurred = h, shaped = h, weathered = h;
-        const halden_median_filter_parameters m{n, 3, 2, 0};
-        MedianFilter(q, median.data(), &m);
-        EXPECT_EQ(Blur(q, blurred.data(), n, 2.5f, &cb), 0u);
-        const halden_thermal_shaper_parameters t{n, n, 1.0f, float(n), 0.125f, 1.0f, -0.5f, 0};
-        EXPECT_EQ(ThermalShaper_Process(q, shaped.data(), nullptr, &t, &cb), 0u);
-        const halden_thermal_parameters th{n, n, 1.0f, 1.0f, 30.0f, 0.2f, 0.5f, 16, 0, 1.0f, 1.0f, 1};
-        EXPECT_EQ(ThermalSimulation(q, weathered.data(), nullptr, nullptr, nullptr, &th, &cb), 0u);
-        for (const std::vector<float>* v : {&median, &blurred, &shaped, &weathered, &r.ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
-        return r;
-    };
     const int before = omp_get_max_threads();
     omp_set_num_threads(1);
-    const results one = everything();
+    const results one = run_everything(q, cb);
     omp_set_num_threads(2);
-    const results two = everything();
+    const results two = run_everything(q, cb);
     omp_set_num_threads(before);
-    EXPECT_EQ(one.status[0] + one.status[1] + one.status[2], 0u);
-    expect_same_bits(two.flow, one.flow);
-    expect_same_bits(two.light, one.light);
-    expect_same_bits(two.mesh, one.mesh);
+    expect_same_results(one, two);
+    DestroySyclQueue(q);
+}
+
+// The host loops run compiled for the baseline instruction set or for a
+// wider one; the wider one must not change a bit.
+TEST(Threads, BaselineAndWideInstructionSetsGiveTheSameBits) {
+    namespace native = halden::compute::native;
+    const native::isa before = native::active_isa();
+    if (native::select_isa(native::isa::x86_64_v3) != native::isa::x86_64_v3) {
+        native::select_isa(before);
+        GTEST_SKIP() << "the processor lacks x86-64-v3";
+    }
+    const halden_callbacks cb = thread_table();
+    halden_queue* q = CreateSyclQueue("cpu", nullptr);
+    ASSERT_NE(q, nullptr);
+    const results wide = run_everything(q, cb);
+    native::select_isa(native::isa::baseline);
+    const results baseline = run_everything(q, cb);
+    native::select_isa(before);
+    expect_same_results(baseline, wide);
     DestroySyclQueue(q);
 }
 

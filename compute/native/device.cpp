@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "compute/device.hpp"
+#include "compute/native/launch.hpp"
 
 #if defined(__x86_64__) || defined(__i386__)
 #  include <cpuid.h>
@@ -41,7 +44,41 @@ const char* cpu_architecture() {
 #endif
 }
 
+bool has_x86_64_v3() {
+#if defined(__x86_64__) && defined(__GNUC__)
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && __builtin_cpu_supports("bmi") &&
+           __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("f16c") && __builtin_cpu_supports("popcnt") &&
+           __builtin_cpu_supports("movbe");
+#else
+    return false;
+#endif
+}
+
+isa initial_isa() {
+    const char* wanted = std::getenv("HALDEN_HOST_ISA");
+    if (wanted && std::strcmp(wanted, "baseline") == 0) return isa::baseline;
+    return has_x86_64_v3() ? isa::x86_64_v3 : isa::baseline;
+}
+
+std::atomic<int> g_isa{-1};
+
 }  // namespace
+
+isa active_isa() {
+    int v = g_isa.load(std::memory_order_relaxed);
+    if (v < 0) {
+        v = int(initial_isa());
+        g_isa.store(v, std::memory_order_relaxed);
+    }
+    return isa(v);
+}
+
+isa select_isa(isa wanted) {
+    const isa chosen = wanted == isa::x86_64_v3 && !has_x86_64_v3() ? isa::baseline : wanted;
+    g_isa.store(int(chosen), std::memory_order_relaxed);
+    return chosen;
+}
 
 device_properties host_properties() {
     device_properties p;

@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Host back-end launchers: OpenMP worker threads iterate the range.
+//
+// Every loop is compiled twice, for the baseline instruction set and, on
+// x86-64, for x86-64-v3 (AVX2, FMA), and the processor picks one at run time.
+// The kernel bodies inline into both. Both round alike: the build never
+// contracts a * b + c, so an fma is only ever one the source writes, and the
+// wider set merely runs it in hardware instead of a library call.
 #pragma once
 
 #include <cstdint>
@@ -9,47 +15,118 @@
 
 #include "compute/types.hpp"
 
+#if defined(__x86_64__) && defined(__GNUC__)
+#  define HALDEN_VECTOR_ISA __attribute__((target("avx2,fma,bmi,bmi2,lzcnt,movbe,f16c,popcnt")))
+#else
+#  define HALDEN_VECTOR_ISA
+#endif
+
 namespace halden::compute::native {
+
+enum class isa : int { baseline = 0, x86_64_v3 = 1 };
+
+// The set the loops run with: x86-64-v3 where the processor has it, unless
+// HALDEN_HOST_ISA=baseline says otherwise.
+isa active_isa();
+// Chooses the set (tests compare the two); a set the processor lacks falls
+// back to the baseline. Returns the set now active.
+isa select_isa(isa wanted);
+
+namespace loops {
+
+template <class F>
+[[gnu::always_inline]] inline void row(F& body, std::int64_t row, std::int64_t cols) {
+#pragma omp simd
+    for (std::int64_t col = 0; col < cols; ++col) body(static_cast<std::size_t>(row), static_cast<std::size_t>(col));
+}
+template <class F>
+[[gnu::always_inline]] inline void items(F& body, std::int64_t begin, std::int64_t end) {
+    for (std::int64_t i = begin; i < end; ++i) body(static_cast<std::size_t>(i));
+}
+template <class F>
+[[gnu::always_inline]] inline void cells(F& body, std::int64_t begin, std::int64_t end, std::int64_t cols) {
+    for (std::int64_t i = begin; i < end; ++i)
+        body(static_cast<std::size_t>(i / cols), static_cast<std::size_t>(i % cols));
+}
+template <class T, class... Phases>
+[[gnu::always_inline]] inline void group(group_item it, T* local, Phases&... phases) {
+    const auto phase = [&](auto& p) {
+        for (std::uint32_t lr = 0; lr < it.local_rows; ++lr)
+            for (std::uint32_t lc = 0; lc < it.local_cols; ++lc) {
+                it.local_row = lr;
+                it.local_col = lc;
+                p(it, local);
+            }
+    };
+    (phase(phases), ...);
+}
+
+// The same loops, compiled for the wider set.
+template <class F>
+HALDEN_VECTOR_ISA void row_v3(F& body, std::int64_t r, std::int64_t cols) {
+    row(body, r, cols);
+}
+template <class F>
+HALDEN_VECTOR_ISA void items_v3(F& body, std::int64_t begin, std::int64_t end) {
+    items(body, begin, end);
+}
+template <class F>
+HALDEN_VECTOR_ISA void cells_v3(F& body, std::int64_t begin, std::int64_t end, std::int64_t cols) {
+    cells(body, begin, end, cols);
+}
+template <class T, class... Phases>
+HALDEN_VECTOR_ISA void group_v3(group_item it, T* local, Phases&... phases) {
+    group(it, local, phases...);
+}
+
+}  // namespace loops
 
 template <class F>
 void launch(range<1> r, F& body) {
     const std::int64_t n = static_cast<std::int64_t>(r.size);
+    const bool wide = active_isa() == isa::x86_64_v3;
     // Work items of 1-D launches (particles) differ widely in cost: hand them
     // out in chunks rather than in equal shares.
-#pragma omp parallel for schedule(dynamic, 256)
-    for (std::int64_t i = 0; i < n; ++i) body(static_cast<std::size_t>(i));
+    constexpr std::int64_t chunk = 256;
+#pragma omp parallel for schedule(dynamic, 1)
+    for (std::int64_t begin = 0; begin < n; begin += chunk) {
+        const std::int64_t end = n - begin < chunk ? n : begin + chunk;
+        if (wide)
+            loops::items_v3(body, begin, end);
+        else
+            loops::items(body, begin, end);
+    }
 }
 
 template <class F>
 void launch(range<2> r, F& body) {
     const std::int64_t rows = static_cast<std::int64_t>(r.rows);
     const std::int64_t cols = static_cast<std::int64_t>(r.cols);
+    const bool wide = active_isa() == isa::x86_64_v3;
     // Whole rows per thread keep the loop over columns plain, so that the
     // compiler can vectorise it; a launch of few rows shares out its cells.
     // Work items never depend on one another, which lets the compiler skip
     // its aliasing checks.
     if (rows >= 4 * static_cast<std::int64_t>(omp_get_max_threads())) {
 #pragma omp parallel for schedule(static)
-        for (std::int64_t row = 0; row < rows; ++row)
-#pragma omp simd
-            for (std::int64_t col = 0; col < cols; ++col)
-                body(static_cast<std::size_t>(row), static_cast<std::size_t>(col));
+        for (std::int64_t row = 0; row < rows; ++row) {
+            if (wide)
+                loops::row_v3(body, row, cols);
+            else
+                loops::row(body, row, cols);
+        }
         return;
     }
-#pragma omp parallel for collapse(2) schedule(static)
-    for (std::int64_t row = 0; row < rows; ++row)
-        for (std::int64_t col = 0; col < cols; ++col)
-            body(static_cast<std::size_t>(row), static_cast<std::size_t>(col));
-}
-
-template <class T, class Phase>
-void run_phase(group_item it, T* local, Phase& phase) {
-    for (std::uint32_t lr = 0; lr < it.local_rows; ++lr)
-        for (std::uint32_t lc = 0; lc < it.local_cols; ++lc) {
-            it.local_row = lr;
-            it.local_col = lc;
-            phase(it, local);
-        }
+    const std::int64_t n = rows * cols;
+    constexpr std::int64_t chunk = 1024;
+#pragma omp parallel for schedule(static)
+    for (std::int64_t begin = 0; begin < n; begin += chunk) {
+        const std::int64_t end = n - begin < chunk ? n : begin + chunk;
+        if (wide)
+            loops::cells_v3(body, begin, end, cols);
+        else
+            loops::cells(body, begin, end, cols);
+    }
 }
 
 // Barriers become phase boundaries: each phase runs for every item of the
@@ -59,7 +136,9 @@ void launch_groups(nd_range nd, std::size_t local_count, Phases&... phases) {
     const std::int64_t groups = static_cast<std::int64_t>(nd.groups.count());
     const std::int64_t group_cols = static_cast<std::int64_t>(nd.groups.cols);
     const std::size_t stride = local_count > 0 ? local_count : 1;
-    // Allocated before the parallel region: an exception must not leave an OpenMP region.
+    const bool wide = active_isa() == isa::x86_64_v3;
+    // Allocated before the parallel region: an exception must not leave an OpenMP
+    // region.
     const int threads = omp_get_max_threads();
     std::unique_ptr<T[]> locals(new T[stride * static_cast<std::size_t>(threads)]);
 #pragma omp parallel num_threads(threads)
@@ -67,9 +146,13 @@ void launch_groups(nd_range nd, std::size_t local_count, Phases&... phases) {
         T* local = locals.get() + stride * static_cast<std::size_t>(omp_get_thread_num());
 #pragma omp for schedule(dynamic, 1)
         for (std::int64_t g = 0; g < groups; ++g) {
-            group_item it{static_cast<std::uint32_t>(g / group_cols), static_cast<std::uint32_t>(g % group_cols), 0, 0,
-                          static_cast<std::uint32_t>(nd.local.rows), static_cast<std::uint32_t>(nd.local.cols)};
-            (run_phase(it, local, phases), ...);
+            const group_item it{
+                static_cast<std::uint32_t>(g / group_cols), static_cast<std::uint32_t>(g % group_cols), 0, 0,
+                static_cast<std::uint32_t>(nd.local.rows),  static_cast<std::uint32_t>(nd.local.cols)};
+            if (wide)
+                loops::group_v3(it, local, phases...);
+            else
+                loops::group(it, local, phases...);
         }
     }
 }
