@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace halden::compute {
@@ -13,6 +14,8 @@ namespace native {
 void* allocate(std::size_t bytes);
 void deallocate(void* ptr) noexcept;
 void copy(const void* src, void* dst, std::size_t bytes);
+// The machine's memory in bytes, 0 if unknown.
+std::uint64_t physical_bytes();
 }  // namespace native
 
 namespace cuda {

@@ -17,7 +17,7 @@ namespace detail {
 // Size in bytes of `count` elements of `size` bytes; throws out_of_memory on overflow.
 std::size_t checked_bytes(std::size_t count, std::size_t size, const char* label);
 void* allocate(queue& q, std::size_t bytes, const char* label);
-void deallocate(queue& q, void* ptr) noexcept;
+void deallocate(queue& q, void* ptr, std::size_t bytes) noexcept;
 
 template <int D>
 std::size_t checked_count(range<D> r, const char* label) {
@@ -57,7 +57,7 @@ public:
     }
 
     void reset() noexcept {
-        if (m_ptr) detail::deallocate(*m_queue, m_ptr);
+        if (m_ptr) detail::deallocate(*m_queue, m_ptr, bytes());
         m_ptr = nullptr;
         m_count = 0;
         m_extent = {};
@@ -77,6 +77,24 @@ private:
     T* m_ptr = nullptr;
     range<D> m_extent{};
     std::size_t m_count = 0;
+};
+
+// A read-only host array as kernels see it: on the host device the array
+// itself, elsewhere a device copy.
+template <class T, int D>
+class input_view {
+public:
+    input_view(queue& q, const T* h_data, range<D> extent, const char* label = "input") : m_view(h_data) {
+        if (q.get_device().get_backend() == backend::native) return;
+        m_copy = usm_ptr<T, D>(q, extent, label);
+        m_copy.copy_from_host(h_data);
+        m_view = m_copy.get();
+    }
+    const T* get() const { return m_view; }
+
+private:
+    usm_ptr<T, D> m_copy;
+    const T* m_view;
 };
 
 // A device copy of a host array. Destruction writes the device contents back

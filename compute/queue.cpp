@@ -16,6 +16,53 @@ queue::~queue() {
         // A handler that rethrows has nowhere to go from a destructor.
     }
     if (m_stream) cuda::destroy_stream(m_device.ordinal(), m_stream);
+    for (const host_block& b : m_kept) native::deallocate(b.ptr);
+}
+
+namespace {
+
+// What a host queue keeps: a few blocks, at most an eighth of the machine's memory.
+constexpr std::size_t kKeptBlocks = 12;
+
+std::size_t kept_bytes_limit() {
+    static const std::size_t limit = std::size_t(native::physical_bytes() / 8);
+    return limit;
+}
+
+}  // namespace
+
+void* queue::reuse_host_block(std::size_t bytes) noexcept {
+    for (std::size_t i = m_kept.size(); i-- > 0;)
+        if (m_kept[i].bytes == bytes) {
+            void* p = m_kept[i].ptr;
+            m_kept.erase(m_kept.begin() + std::ptrdiff_t(i));
+            return p;
+        }
+    return nullptr;
+}
+
+bool queue::keep_host_block(void* ptr, std::size_t bytes) noexcept {
+#if defined(__SANITIZE_ADDRESS__)
+    // Reused memory would hide use-after-free from the address sanitizer.
+    (void)ptr, (void)bytes;
+    return false;
+#else
+    if (m_device.get_backend() != backend::native || bytes > kept_bytes_limit()) return false;
+    try {
+        std::size_t total = bytes;
+        for (const host_block& b : m_kept) total += b.bytes;
+        // The oldest blocks make room.
+        while (!m_kept.empty() && (m_kept.size() >= kKeptBlocks || total > kept_bytes_limit())) {
+            total -= m_kept.front().bytes;
+            native::deallocate(m_kept.front().ptr);
+            m_kept.erase(m_kept.begin());
+        }
+        m_kept.push_back({bytes, ptr});
+        return true;
+    } catch (...) {
+        return false;
+    }
+#endif
 }
 
 void queue::copy(const void* src, void* dst, std::size_t bytes) {

@@ -64,7 +64,21 @@ public:
 
     void* native_stream() const { return m_stream; }
 
+    // Host queues keep the memory their calls free for the next calls: fresh
+    // memory costs a page fault and a page cleared per 4 KiB, more than a
+    // memory-bound kernel spends on it, and a tool calls the same operation
+    // on grids of one size again and again. reuse_host_block returns a kept
+    // block of exactly `bytes`, or null; keep_host_block takes a block that is
+    // being freed, or declines it (then the caller frees it).
+    void* reuse_host_block(std::size_t bytes) noexcept;
+    bool keep_host_block(void* ptr, std::size_t bytes) noexcept;
+
 private:
+    struct host_block {
+        std::size_t bytes;
+        void* ptr;
+    };
+
     [[noreturn]] void no_cuda_kernel() const;
     void after_cuda_launch();
 
@@ -72,6 +86,7 @@ private:
     async_handler m_handler;
     void* m_stream = nullptr;  // cudaStream_t of a CUDA queue
     std::vector<std::string> m_pending;
+    std::vector<host_block> m_kept;  // most recently kept last
 };
 
 template <int D, class F>

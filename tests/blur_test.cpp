@@ -46,6 +46,27 @@ TEST_P(BlurPass, MatchesHandWorkedRowsAndTheRadiusTwelveBox) {
         }
 }
 
+// The host runs rows eight at a time; every size, radius and layout must
+// give the bits of one row at a time.
+TEST_P(BlurPass, RowsSideBySideGiveTheBitsOfOneRowAtATime) {
+    for (int n : {1, 5, 8, 9, 23, 64, 67})
+        for (float radius : {0.4f, 2.5f, 12.0f, 100.25f})
+            for (int start : {0, 1}) {
+                const std::vector<float> grid = halden::test::random_cells(n, n, unsigned(n));
+                halden::core::grid src = halden::test::upload(*q, grid, n, n);
+                const auto run = [&](auto pass) {
+                    halden::core::grid dst(*q, {std::size_t(n), std::size_t(n)});
+                    pass(*q, src.get(), dst.get(), n, radius, start);
+                    return halden::test::download(dst);
+                };
+                SCOPED_TRACE(std::to_string(n) + " " + std::to_string(radius) + " " + std::to_string(start));
+                halden::test::expect_same_bits(run(blur::detail::running_rows<true, 8>),
+                                               run(blur::detail::running_rows<true, 1>));
+                halden::test::expect_same_bits(run(blur::detail::running_rows<false, 8>),
+                                               run(blur::detail::running_rows<false, 1>));
+            }
+}
+
 HALDEN_INSTANTIATE_ON_BACKENDS(BlurPass);
 
 class BlurExport : public halden::test::DeviceTest {};

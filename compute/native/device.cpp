@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -7,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "compute/backend.hpp"
 #include "compute/device.hpp"
 #include "compute/native/launch.hpp"
 
@@ -89,9 +89,7 @@ device_properties host_properties() {
     p.cpu = true;
     p.host_unified_memory = true;
     p.usm_device_allocations = true;
-    const long pages = sysconf(_SC_PHYS_PAGES);
-    const long page = sysconf(_SC_PAGESIZE);
-    p.global_mem_size = pages > 0 && page > 0 ? std::uint64_t(pages) * std::uint64_t(page) : 0;
+    p.global_mem_size = physical_bytes();
     return p;
 }
 

@@ -86,8 +86,10 @@ void launch(range<1> r, F& body) {
     const std::int64_t n = static_cast<std::int64_t>(r.size);
     const bool wide = active_isa() == isa::x86_64_v3;
     // Work items of 1-D launches (particles) differ widely in cost: hand them
-    // out in chunks rather than in equal shares.
-    constexpr std::int64_t chunk = 256;
+    // out in chunks rather than in equal shares, chunks small enough that a
+    // launch of few costly items (blocks of rows) still feeds every thread.
+    const std::int64_t share = n / (8 * static_cast<std::int64_t>(omp_get_max_threads()));
+    const std::int64_t chunk = share < 1 ? 1 : (share > 256 ? 256 : share);
 #pragma omp parallel for schedule(dynamic, 1)
     for (std::int64_t begin = 0; begin < n; begin += chunk) {
         const std::int64_t end = n - begin < chunk ? n : begin + chunk;

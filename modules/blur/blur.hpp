@@ -23,6 +23,11 @@ namespace detail {
 
 // Row i of the n x n grid `src`, blurred along the row, goes to row i of
 // `dst` (SameLayout) or to column i (transposed). Only <true, ...> exists.
+// One box pass along every row, Lanes rows per work item (8 on the host, 1
+// on a GPU; the same bits either way); the result transposed unless SameLayout.
+template <bool SameLayout, int Lanes>
+void running_rows(halden::compute::queue& q, const float* src, float* dst, int n, float radius, int start);
+
 template <bool Rows, bool SameLayout>
 void fastblur_half_pass(halden::compute::queue& q, const float* src, float* dst, int n, float radius);
 
@@ -44,6 +49,9 @@ void blur(halden::compute::queue& q, const float* source, float* scratch_b, floa
 // radius - trunc(radius) of the next cell either side, over 2 radius + 1,
 // edge cells replicated. What the Blur export runs. Any radius costs the
 // same: the running sums never look past the row.
-void box_blur(halden::compute::queue& q, const float* source, float* scratch_b, float* result, int n, float radius);
+// Two box passes per axis: source -> b -> c -> b -> result. Only the last
+// pass writes `result`, which may be `source` or `c`.
+void box_blur(halden::compute::queue& q, const float* source, float* scratch_b, float* scratch_c, float* result, int n,
+              float radius);
 
 }  // namespace blur
