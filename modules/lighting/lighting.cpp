@@ -302,22 +302,34 @@ void sweep(queue& q, const float* heights, const vec4* normals, std::int32_t* ph
 
 }  // namespace
 
+namespace {
+
+// A cell's unit normal from the 3-10-3 stencil, edges clamped; 0 where the
+// stencil gives a zero vector.
+HALDEN_HD inline vec4 normal_at(const float* heights, int w, int h, int x, int y, float nz, float height_scale) {
+    const int xl = (x > 1 ? x : 1) - 1, xr = x + 1 < w - 1 ? x + 1 : w - 1;
+    const int yu = (y > 1 ? y : 1) - 1, yd = y + 1 < h - 1 ? y + 1 : h - 1;
+    const float* up = heights + yu * w;
+    const float* mid = heights + y * w;
+    const float* down = heights + yd * w;
+    // 3-10-3 differences: right column minus left, row above minus row below.
+    const float sx = 3.0f * (up[xr] + down[xr]) + 10.0f * mid[xr] - 3.0f * (up[xl] + down[xl]) - 10.0f * mid[xl];
+    const float sy = 3.0f * (up[xl] + up[xr]) + 10.0f * up[x] - 3.0f * (down[xl] + down[xr]) - 10.0f * down[x];
+    const float nx = -height_scale * sx, ny = height_scale * sy;
+    const float len = sqrtf(nx * nx + ny * ny + nz * nz);
+    return len > 0.0f ? vec4{nx / len, ny / len, nz / len, 0.0f} : vec4{0.0f, 0.0f, 0.0f, 0.0f};
+}
+
+HALDEN_HD inline float lambert(const vec4& n, const vec3& l) { return max_of(0.0f, n.x * l.x + n.y * l.y + n.z * l.z); }
+
+}  // namespace
+
 void compute_normals_and_init_photonmap(queue& q, const float* heights, vec4* normals, std::int32_t* photons, int w,
                                         int h, float terrain_size, float height_scale) {
     const float nz = 32.0f * terrain_size / float(w);
     q.parallel_for(range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
         const int y = int(row), x = int(col);
-        const int xl = (x > 1 ? x : 1) - 1, xr = x + 1 < w - 1 ? x + 1 : w - 1;
-        const int yu = (y > 1 ? y : 1) - 1, yd = y + 1 < h - 1 ? y + 1 : h - 1;
-        const float* up = heights + yu * w;
-        const float* mid = heights + y * w;
-        const float* down = heights + yd * w;
-        // 3-10-3 differences: right column minus left, row above minus row below.
-        const float sx = 3.0f * (up[xr] + down[xr]) + 10.0f * mid[xr] - 3.0f * (up[xl] + down[xl]) - 10.0f * mid[xl];
-        const float sy = 3.0f * (up[xl] + up[xr]) + 10.0f * up[x] - 3.0f * (down[xl] + down[xr]) - 10.0f * down[x];
-        const float nx = -height_scale * sx, ny = height_scale * sy;
-        const float len = sqrtf(nx * nx + ny * ny + nz * nz);
-        normals[y * w + x] = len > 0.0f ? vec4{nx / len, ny / len, nz / len, 0.0f} : vec4{0.0f, 0.0f, 0.0f, 0.0f};
+        normals[y * w + x] = normal_at(heights, w, h, x, y, nz, height_scale);
         photons[y * w + x] = 0;
     });
 }
@@ -344,21 +356,29 @@ LightingSYCL::LightingSYCL(queue& q, const Parameters& parameters, const host_gr
       m_has_albedo(grids.albedo_r && grids.albedo_g && grids.albedo_b),
       m_width(parameters.width),
       m_height(parameters.height),
-      m_heights(q, grids.heights, halden::core::grid_extent(parameters.width, parameters.height)),
-      m_normals(q, m_heights.extent(), "normals"),
-      m_photons(q, m_heights.extent(), "photon map") {
+      m_heights(q, grids.heights, halden::core::grid_extent(parameters.width, parameters.height)) {
     const std::string problem = check(m_parameters);
     if (!problem.empty()) throw std::invalid_argument(problem);
     const auto extent = m_heights.extent();
+    // Only the sky's rays read the normals, and only rays gather photons.
+    if (m_on.traced_ao || m_on.hybrid_ao) m_normals = usm_ptr<vec4, 2>(q, extent, "normals");
+    if (m_on.shadows || m_on.traced_ao) m_photons = usm_ptr<std::int32_t, 2>(q, extent, "photon map");
     if (m_on.sun) m_diffuse = grid(q, extent, "diffuse");
     if (m_on.shadows) m_shadow = grid(q, extent, "shadow");
     if (m_on.sky && m_parameters.ao_enabled) {
         m_ao = grid(q, extent, "sky visibility");
         if (m_on.caller_ao) m_ao.copy_from_host(grids.ao);
     }
-    m_r = grid(q, extent, "red");
-    m_g = grid(q, extent, "green");
-    m_b = grid(q, extent, "blue");
+    // Colour channels the caller did not ask for are not made. On the host
+    // the composition, the last step, writes the caller's arrays directly.
+    const bool host = q.get_device().get_backend() == halden::compute::backend::native;
+    const auto channel = [&](grid& g, float* target, const char* label) {
+        if (target && !host) g = grid(q, extent, label);
+    };
+    channel(m_r, grids.r, "red");
+    channel(m_g, grids.g, "green");
+    channel(m_b, grids.b, "blue");
+    m_direct_rgb = host;
     if (m_has_albedo) {
         const float* albedo[3] = {grids.albedo_r, grids.albedo_g, grids.albedo_b};
         for (int c = 0; c < 3; ++c) {
@@ -386,14 +406,24 @@ void LightingSYCL::prepare_samples() {
     }
 }
 
-void LightingSYCL::compute_diffuse_light() {
-    const vec4* n = m_normals.get();
-    float* out = m_diffuse.get();
+// Normals, the cleared photon map and the diffuse term in one pass, each
+// written only where a later step or the caller reads it: diffuse light
+// alone then reads the heights once and writes one grid.
+void LightingSYCL::compute_surface() {
+    const float* heights = m_heights.get();
+    vec4* normals = m_normals.get();
+    std::int32_t* photons = m_photons.get();
+    float* diffuse = m_diffuse.get();
     const vec3 l{m_parameters.sun_direction[0], m_parameters.sun_direction[1], m_parameters.sun_direction[2]};
-    const std::size_t w = std::size_t(m_width);
+    const int w = m_width, h = m_height;
+    const float nz = 32.0f * m_parameters.terrain_size / float(w), height_scale = m_parameters.height_scale;
     m_queue.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-        const std::size_t i = row * w + col;
-        out[i] = max_of(0.0f, n[i].x * l.x + n[i].y * l.y + n[i].z * l.z);
+        const int y = int(row), x = int(col);
+        const std::size_t i = row * std::size_t(w) + col;
+        const vec4 n = normal_at(heights, w, h, x, y, nz, height_scale);
+        if (normals) normals[i] = n;
+        if (photons) photons[i] = 0;
+        if (diffuse) diffuse[i] = lambert(n, l);
     });
 }
 
@@ -481,15 +511,18 @@ void LightingSYCL::compose_light() {
     const float exposure = p.exposure;
     const float *d_diffuse = m_diffuse.get(), *d_shadow = m_shadow.get(), *d_ao = m_ao.get();
     const float *ar = m_albedo[0].get(), *ag = m_albedo[1].get(), *ab = m_albedo[2].get();
-    float *r = m_r.get(), *g = m_g.get(), *b = m_b.get();
+    float* r = m_direct_rgb ? m_host.r : m_r.get();
+    float* g = m_direct_rgb ? m_host.g : m_g.get();
+    float* b = m_direct_rgb ? m_host.b : m_b.get();
+    if (!r && !g && !b) return;
     const std::size_t w = std::size_t(m_width);
     m_queue.parallel_for(m_heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
         const std::size_t i = row * w + col;
         const float direct = (sun ? d_diffuse[i] : 1.0f) * (sun ? (shadows ? d_shadow[i] : 1.0f) : 0.0f);
         const float ambient = sky ? (ao_on ? d_ao[i] : 1.0f) : 0.0f;
-        r[i] = (c_sun.x * direct + c_sky.x * ambient) * (albedo ? ar[i] : exposure);
-        g[i] = (c_sun.y * direct + c_sky.y * ambient) * (albedo ? ag[i] : exposure);
-        b[i] = (c_sun.z * direct + c_sky.z * ambient) * (albedo ? ab[i] : exposure);
+        if (r) r[i] = (c_sun.x * direct + c_sky.x * ambient) * (albedo ? ar[i] : exposure);
+        if (g) g[i] = (c_sun.y * direct + c_sky.y * ambient) * (albedo ? ag[i] : exposure);
+        if (b) b[i] = (c_sun.z * direct + c_sky.z * ambient) * (albedo ? ab[i] : exposure);
     });
 }
 
@@ -498,9 +531,7 @@ bool LightingSYCL::run() {
     // normals and the diffuse term.
     std::future<void> samples = std::async(std::launch::async, [this] { prepare_samples(); });
     try {
-        compute_normals_and_init_photonmap(m_queue, m_heights.get(), m_normals.get(), m_photons.get(), m_width,
-                                           m_height, m_parameters.terrain_size, m_parameters.height_scale);
-        if (m_on.sun) compute_diffuse_light();
+        compute_surface();
     } catch (...) {
         samples.wait();
         throw;
@@ -520,7 +551,7 @@ bool LightingSYCL::run() {
 
     m_queue.synchronize();
     if (m_callbacks.cancel() != 0) return false;
-    compose_light();
+    if (!m_direct_rgb) compose_light();
 
     // A failed device leaves the caller's arrays as they were.
     m_queue.synchronize();
@@ -531,9 +562,14 @@ bool LightingSYCL::run() {
     out(m_diffuse, m_host.diffuse);
     out(m_shadow, m_host.shadow);
     if (m_on.traced_ao || m_on.hybrid_ao) out(m_ao, m_host.ao);
-    out(m_r, m_host.r);
-    out(m_g, m_host.g);
-    out(m_b, m_host.b);
+    if (m_direct_rgb) {
+        // In the same order as the copies, should the caller's arrays overlap.
+        compose_light();
+    } else {
+        out(m_r, m_host.r);
+        out(m_g, m_host.g);
+        out(m_b, m_host.b);
+    }
     m_queue.synchronize();
     return true;
 }

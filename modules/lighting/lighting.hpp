@@ -89,7 +89,7 @@ public:
     // (and nothing written) when the caller cancelled.
     bool run();
 
-    void compute_diffuse_light();
+    void compute_surface();
     void raytrace_shadows();
     void compute_hybrid_ao();
     void compose_light();
@@ -110,6 +110,7 @@ private:
     grid m_diffuse, m_shadow, m_ao, m_r, m_g, m_b, m_albedo[3];
     samples::set m_sun, m_sky;
     int m_sample_count = 0;
+    bool m_direct_rgb = false;  // the composition writes the caller's colour arrays
 };
 
 }  // namespace lighting
