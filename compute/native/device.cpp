@@ -62,8 +62,17 @@ isa initial_isa() {
 }
 
 std::atomic<int> g_isa{-1};
+std::atomic<int> g_launches{0};
 
 }  // namespace
+
+team::team() {
+    const int running = g_launches.fetch_add(1, std::memory_order_relaxed) + 1;
+    const int threads = omp_get_max_threads();
+    m_size = threads / running > 0 ? threads / running : 1;
+}
+
+team::~team() { g_launches.fetch_sub(1, std::memory_order_relaxed); }
 
 isa active_isa() {
     int v = g_isa.load(std::memory_order_relaxed);

@@ -32,6 +32,22 @@ isa active_isa();
 // back to the baseline. Returns the set now active.
 isa select_isa(isa wanted);
 
+// The worker threads of one launch: the calling thread's OpenMP threads,
+// shared among the launches running at once, so that two queues on two
+// application threads do not put two full teams on the same cores (the
+// results never depend on the count).
+class team {
+public:
+    team();
+    ~team();
+    team(const team&) = delete;
+    team& operator=(const team&) = delete;
+    int size() const { return m_size; }
+
+private:
+    int m_size;
+};
+
 namespace loops {
 
 template <class F>
@@ -85,12 +101,13 @@ template <class F>
 void launch(range<1> r, F& body) {
     const std::int64_t n = static_cast<std::int64_t>(r.size);
     const bool wide = active_isa() == isa::x86_64_v3;
+    const team t;
     // Work items of 1-D launches (particles) differ widely in cost: hand them
     // out in chunks rather than in equal shares, chunks small enough that a
     // launch of few costly items (blocks of rows) still feeds every thread.
-    const std::int64_t share = n / (8 * static_cast<std::int64_t>(omp_get_max_threads()));
+    const std::int64_t share = n / (8 * static_cast<std::int64_t>(t.size()));
     const std::int64_t chunk = share < 1 ? 1 : (share > 256 ? 256 : share);
-#pragma omp parallel for schedule(dynamic, 1)
+#pragma omp parallel for schedule(dynamic, 1) num_threads(t.size())
     for (std::int64_t begin = 0; begin < n; begin += chunk) {
         const std::int64_t end = n - begin < chunk ? n : begin + chunk;
         if (wide)
@@ -105,12 +122,13 @@ void launch(range<2> r, F& body) {
     const std::int64_t rows = static_cast<std::int64_t>(r.rows);
     const std::int64_t cols = static_cast<std::int64_t>(r.cols);
     const bool wide = active_isa() == isa::x86_64_v3;
+    const team t;
     // Whole rows per thread keep the loop over columns plain, so that the
     // compiler can vectorise it; a launch of few rows shares out its cells.
     // Work items never depend on one another, which lets the compiler skip
     // its aliasing checks.
-    if (rows >= 4 * static_cast<std::int64_t>(omp_get_max_threads())) {
-#pragma omp parallel for schedule(static)
+    if (rows >= 4 * static_cast<std::int64_t>(t.size())) {
+#pragma omp parallel for schedule(static) num_threads(t.size())
         for (std::int64_t row = 0; row < rows; ++row) {
             if (wide)
                 loops::row_v3(body, row, cols);
@@ -121,7 +139,7 @@ void launch(range<2> r, F& body) {
     }
     const std::int64_t n = rows * cols;
     constexpr std::int64_t chunk = 1024;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) num_threads(t.size())
     for (std::int64_t begin = 0; begin < n; begin += chunk) {
         const std::int64_t end = n - begin < chunk ? n : begin + chunk;
         if (wide)
