@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shade per listed device: sun shadows with 1, 7 and 19 samples, and sky
-// visibility traced or hybrid with 16 and 64 directions. Reports Mcells/s and
-// Grays (rays x cells per second: every sample sweeps every cell once).
-// Named Shade/<device>/<size>/<sun|sky|hybrid><count>.
+// Shade per listed device: diffuse light alone, sun shadows with 1, 7 and 19
+// samples, and sky visibility traced or hybrid with 16 and 64 directions.
+// Reports Mcells/s and Grays (rays x cells per second: every sample sweeps
+// every cell once). Named Shade/<device>/<size>/<diffuse|sun1|sky16|...>.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -15,7 +15,7 @@
 
 namespace {
 
-enum class kind { sun, sky, hybrid };
+enum class kind { diffuse, sun, sky, hybrid };
 
 void run_shade(benchmark::State& state, std::string key, int size, kind what, int count) {
     halden_queue* q = CreateSyclQueue(key.c_str(), nullptr);
@@ -41,7 +41,9 @@ void run_shade(benchmark::State& state, std::string key, int size, kind what, in
     p.sky_strength = 0.4f;
     p.sun_enabled = p.sky_enabled = 1;
     int rays = count;
-    if (what == kind::sun) {
+    if (what == kind::diffuse) {
+        rays = 0;
+    } else if (what == kind::sun) {
         p.shadows_enabled = 1;
         p.shadow_samples = count == 1 ? 0 : (count == 7 ? 1 : 2);
     } else {
@@ -72,7 +74,7 @@ void register_shade_benchmarks() {
         int count;
         const char* name;
     };
-    const config configs[] = {{kind::sun, 1, "sun1"},      {kind::sun, 7, "sun7"},       {kind::sun, 19, "sun19"},
+    const config configs[] = {{kind::diffuse, 0, "diffuse"}, {kind::sun, 1, "sun1"},      {kind::sun, 7, "sun7"},       {kind::sun, 19, "sun19"},
                               {kind::sky, 16, "sky16"},    {kind::sky, 64, "sky64"},     {kind::hybrid, 16, "hybrid16"},
                               {kind::hybrid, 64, "hybrid64"}};
     for (const halden::bench::device_entry& d : halden::bench::devices())
