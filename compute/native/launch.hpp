@@ -123,12 +123,15 @@ void launch(range<2> r, F& body) {
     const std::int64_t cols = static_cast<std::int64_t>(r.cols);
     const bool wide = active_isa() == isa::x86_64_v3;
     const team t;
+    // A small grid (a pyramid's coarse levels) costs less than waking the
+    // workers: the calling thread runs it alone.
+    const bool parallel = rows * cols >= 16384;
     // Whole rows per thread keep the loop over columns plain, so that the
     // compiler can vectorise it; a launch of few rows shares out its cells.
     // Work items never depend on one another, which lets the compiler skip
     // its aliasing checks.
     if (rows >= 4 * static_cast<std::int64_t>(t.size())) {
-#pragma omp parallel for schedule(static) num_threads(t.size())
+#pragma omp parallel for schedule(static) num_threads(t.size()) if (parallel)
         for (std::int64_t row = 0; row < rows; ++row) {
             if (wide)
                 loops::row_v3(body, row, cols);
@@ -139,7 +142,7 @@ void launch(range<2> r, F& body) {
     }
     const std::int64_t n = rows * cols;
     constexpr std::int64_t chunk = 1024;
-#pragma omp parallel for schedule(static) num_threads(t.size())
+#pragma omp parallel for schedule(static) num_threads(t.size()) if (parallel)
     for (std::int64_t begin = 0; begin < n; begin += chunk) {
         const std::int64_t end = n - begin < chunk ? n : begin + chunk;
         if (wide)
