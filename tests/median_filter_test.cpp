@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Median filter: hand-worked cases, an independent reference on random grids,
-// the selection shortcut against the sorting network, and the export's checks.
+// the selection shortcut and the host's tile network against sorting, and the
+// export's checks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <random>
 #include <string>
@@ -69,6 +71,42 @@ std::vector<float> random_grid(int size, std::uint32_t seed) {
     return g;
 }
 
+// For windows of comparable values without both zeros, where the padded network's order
+// cannot show: gather, std::sort, the middle three ranks of the gathered values.
+std::vector<float> plain_reference(std::vector<float> g, int size, int r, std::uint32_t iterations) {
+    auto at = [&](int y, int x) { return g[std::clamp(y, 0, size - 1) * size + std::clamp(x, 0, size - 1)]; };
+    std::vector<float> window;
+    for (std::uint32_t pass = 0; pass < iterations; ++pass) {
+        std::vector<float> out(g.size());
+        for (int y = 0; y < size; ++y)
+            for (int x = 0; x < size; ++x) {
+                window.clear();
+                for (int dy = -r; dy <= r; ++dy)
+                    for (int dx = -r; dx <= r; ++dx)
+                        if (dx * dx + dy * dy <= r * r + 2) window.push_back(at(y + dy, x + dx));
+                std::sort(window.begin(), window.end());
+                const std::size_t m = window.size() / 2;
+                out[y * size + x] = ((window[m + 1] + window[m]) + window[m - 1]) * kThird;
+            }
+        g = out;
+    }
+    return g;
+}
+
+// Grids the host's sorting network takes whole, by seed: spread values; heavy ties with
+// +0; heavy ties with -0; values up to and at the padding value, and -inf. Filtering
+// keeps them so, except that it can bring +0 to a grid with -0.
+std::vector<float> clean_grid(int size, std::uint32_t seed) {
+    auto g = halden::test::random_cells(size, size, seed);
+    const float high[] = {kPad, std::nextafter(kPad, 0.0f), 9.0e7f, -kInf};
+    for (float& c : g) {
+        if (seed % 4 == 1) c = std::round(c / 30) + 0.0f;
+        if (seed % 4 == 2) c = c > -15 && c < 15 ? -0.0f : std::round(c / 30);
+        if (seed % 4 == 3 && c > 60) c = high[int(c) % 4];
+    }
+    return g;
+}
+
 std::vector<float> run_filter(halden_queue* q, std::vector<float> grid, std::uint32_t size, std::uint32_t radius,
                               std::uint32_t iterations) {
     const halden_median_filter_parameters p{size, radius, iterations, 0};
@@ -113,6 +151,58 @@ TEST_P(MedianFilterTest, MatchesTheReferenceOnSizesAroundTheTile) {
             expect_same_bits(run_filter(queue, g, size, radius, 1), once);
             expect_same_bits(run_filter(queue, g, size, radius, 2), reference(once, size, radius, 1));
         }
+    EXPECT_TRUE(messages().error.empty());
+}
+
+// The host runs blocks of 8-row tiles, 16 tiles of 8 columns side by side, through a
+// sorting network: sizes below, at and past a tile and a block, every radius, and up to
+// three passes, in either instruction set the host loops have.
+TEST_P(MedianFilterTest, CleanGridsMatchAPlainSort) {
+    namespace native = halden::compute::native;
+    const int sizes[] = {1, 2, 7, 8, 9, 31, 64, 65, 127, 129, 136};
+    std::uint32_t seed = 100;
+    for (int radius = 1; radius <= 8; ++radius)
+        for (int k = 0; k < 3; ++k) {
+            const int size = sizes[(radius * 3 + k * 5) % std::size(sizes)];
+            const auto g = clean_grid(size, ++seed);
+            // A pass can turn -1 + 1 into +0: grids with -0 stay clean for one pass only.
+            const std::uint32_t iterations = seed % 4 == 2 ? 1 : 1 + (radius + k) % 3;
+            SCOPED_TRACE(::testing::Message() << "size " << size << ", radius " << radius << ", iterations "
+                                              << iterations << ", seed " << seed);
+            const auto want = plain_reference(g, size, radius, iterations);
+            expect_same_bits(run_filter(queue, g, size, radius, iterations), want);
+            if (GetParam() == "cpu" && k == 0) {
+                const native::isa before = native::active_isa();
+                native::select_isa(native::isa::baseline);
+                expect_same_bits(run_filter(queue, g, size, radius, iterations), want);
+                native::select_isa(before);
+            }
+        }
+    EXPECT_TRUE(messages().error.empty());
+}
+
+// Clean grids with a few cells the network cannot take: NaN, values past the padding,
+// and +0 near -0. Their tiles take the exact path, the others keep the network; both
+// must agree with the padded network everywhere.
+TEST_P(MedianFilterTest, MixedGridsMatchTheReference) {
+    const int size = 136;
+    std::uint32_t seed = 200;
+    for (std::uint32_t radius : {2u, 8u}) {
+        auto g = halden::test::random_cells(size, size, ++seed);
+        std::mt19937 rng(seed);
+        const float odd[] = {kNaN, 3.0e8f, kInf, 0.0f, -0.0f, kPad};
+        for (int k = 0; k < 24; ++k) g[rng() % g.size()] = odd[k % std::size(odd)];
+        // A patch of zeros of both signs across a block's edge, where the network and the
+        // padded sort would pick different zeros; NaN on a tile's corner.
+        for (int y = 30; y < 46; ++y)
+            for (int x = 110; x < 134; ++x) g[y * size + x] = rng() % 8 == 0 ? 1.0f : (rng() % 2 ? 0.0f : -0.0f);
+        g[8 * size + 8] = kNaN;
+        const auto once = reference(g, size, radius, 1);
+        SCOPED_TRACE(::testing::Message() << "radius " << radius << ", seed " << seed);
+        expect_same_bits(run_filter(queue, g, size, radius, 1), once);
+        // A second pass, where NaN and the zeros have spread.
+        if (radius == 8) expect_same_bits(run_filter(queue, g, size, radius, 2), reference(once, size, radius, 1));
+    }
     EXPECT_TRUE(messages().error.empty());
 }
 
@@ -169,6 +259,50 @@ TEST(MedianFilterInternals, SelectionMatchesNetworkForEveryCount) {
     for (std::uint32_t payload : {0xFFC00000u, 0x7FC12345u, 0xFFFFFFFFu}) {
         std::fill(v, v + 256, halden::bits_float(payload));
         EXPECT_EQ(bits(median_filter::mean_of_median3<256>(v, 9)), 0x7FC00000u) << payload;
+    }
+}
+
+// The host's tile network, run as plain code on random regions, against std::sort of
+// every output's window: spread values, heavy ties, ordered and constant regions.
+TEST(MedianFilterInternals, TileNetworkPicksTheMiddleRanks) {
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> spread(-1.0e6f, 1.0e6f);
+    for (int r = 1; r <= 8; ++r) {
+        const median_filter::detail::tile_network& net = median_filter::detail::network_for(r);
+        ASSERT_EQ(net.radius, r);
+        const int span = net.width + 2 * r, region = (net.height + 2 * r) * span;
+        ASSERT_EQ(net.outputs.size(), std::size_t(3 * net.width * net.height));
+        ASSERT_EQ(net.ops.size() % 4, 0u);
+        std::vector<float> slot(std::size_t(net.slots));
+        for (int trial = 0; trial < 12; ++trial) {
+            for (int c = 0; c < region; ++c) {
+                switch (trial % 4) {
+                    case 0: slot[c] = spread(rng); break;
+                    case 1: slot[c] = float(rng() % 3); break;
+                    case 2: slot[c] = float(trial < 8 ? c : -c); break;
+                    default: slot[c] = trial < 8 ? 5.0f : -kInf;
+                }
+            }
+            const std::vector<float> cells(slot.begin(), slot.begin() + region);
+            for (std::size_t k = 0; k < net.ops.size(); k += 4) {
+                const float a = slot[net.ops[k + 2]], b = slot[net.ops[k + 3]];
+                slot[net.ops[k]] = std::min(a, b);
+                slot[net.ops[k + 1]] = std::max(a, b);
+            }
+            for (int i = 0; i < net.height; ++i)
+                for (int j = 0; j < net.width; ++j) {
+                    std::vector<float> window;
+                    for (int dy = -r; dy <= r; ++dy)
+                        for (int dx = -r; dx <= r; ++dx)
+                            if (dx * dx + dy * dy <= r * r + 2)
+                                window.push_back(cells[(i + r + dy) * span + j + r + dx]);
+                    std::sort(window.begin(), window.end());
+                    const std::size_t m = window.size() / 2, o = 3 * std::size_t(i * net.width + j);
+                    for (std::size_t t = 0; t < 3; ++t)
+                        ASSERT_EQ(bits(slot[net.outputs[o + t]]), bits(window[m - 1 + t]))
+                            << "radius " << r << ", trial " << trial << ", output " << i << "," << j << ", rank " << t;
+                }
+        }
     }
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "compute/compute.hpp"
 #include "core/bits.hpp"
@@ -34,14 +35,16 @@ template <int N>
 HALDEN_HD void bitonic_sort(float* v) {
     for (int k = 2; k <= N; k <<= 1)
         for (int j = k >> 1; j > 0; j >>= 1)
-            for (int i = 0; i < N; ++i) {
-                const int l = i ^ j;
-                if (l <= i) continue;
-                const bool ascending = (i & k) == 0;
-                if (ascending ? v[i] > v[l] : v[i] < v[l]) {
-                    const float t = v[i];
-                    v[i] = v[l];
-                    v[l] = t;
+            // Slots i and i + j for i in [base, base + j), one direction per
+            // block as k >= 2j; selects rather than branches, which the data
+            // would mispredict.
+            for (int base = 0; base < N; base += 2 * j) {
+                const bool ascending = (base & k) == 0;
+                for (int i = base; i < base + j; ++i) {
+                    const float a = v[i], b = v[i + j];
+                    const bool swap = ascending ? a > b : a < b;
+                    v[i] = swap ? b : a;
+                    v[i + j] = swap ? a : b;
                 }
             }
 }
@@ -158,5 +161,37 @@ HALDEN_HD float mean_of_median3(float* v, int n) {
 // Filters the size x size grid at h_grid in place, iterations times.
 template <int Capacity>
 void filter(halden::compute::queue& q, float* h_grid, Parameters parameters);
+
+namespace detail {
+
+// A comparator network that takes the disc windows of a tile of outputs to
+// the three middle values of each, sharing the work between the outputs:
+// what a group of outputs has in common is sorted once, and only the part of
+// it that can still hold a middle value is carried on (Adams 2021, adapted to
+// the disc and to three ranks). Values live in numbered slots; the host
+// kernel runs the program with a lane per tile. The network is only right on
+// windows whose values all compare (no NaN), and where equal values have
+// equal bits (not both +0 and -0): it selects, it does not reproduce the
+// padded sort's order.
+struct tile_network {
+    int radius = 0;
+    int width = 0, height = 0;  // the tile of outputs
+    // Slots the program uses. The first hold the region, the tile with an
+    // apron of radius cells, row by row: cell (row, column) starts in slot
+    // row * (width + 2 radius) + column.
+    int slots = 0;
+    // Per output (rows of the tile in turn): the slots holding ranks m - 1,
+    // m and m + 1 of its window when the program ends.
+    std::vector<std::uint16_t> outputs;
+    // Per comparator: the slot that gets the lesser value, the slot that gets
+    // the greater, and the two operand slots. Every operand is read before
+    // either result is written, so results may reuse the operands' slots.
+    std::vector<std::uint16_t> ops;
+};
+
+// The network for a radius of 1 to max_radius, built on first use.
+const tile_network& network_for(int radius);
+
+}  // namespace detail
 
 }  // namespace median_filter
