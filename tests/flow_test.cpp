@@ -97,6 +97,90 @@ TEST_P(FlowKernels, PitsFillAndParticlesRunDownhillToTheStepLimit) {
     EXPECT_EQ(download(visits), want);
 }
 
+// Hills with pits, ridges and flats: traces stall, turn and leave.
+std::vector<float> hills(int w, int h) {
+    std::vector<float> v(std::size_t(w) * h);
+    for (std::size_t i = 0; i < v.size(); ++i) {
+        const float x = float(i % w), y = float(i / w);
+        v[i] = 30.0f * std::sin(0.11f * x) * std::cos(0.07f * y) + 0.3f * x + 2.0f * std::sin(0.9f * x + 0.7f * y);
+    }
+    return v;
+}
+
+TEST_P(FlowKernels, LaneGroupsCountEveryVisitOnce) {
+    const int w = 97, h = 83;
+    std::vector<float> unused(w * h), unused_map(w * h);
+    flow::Flow f(*q, record(w, h, 0.5f, 5), HALDEN_FLOW_NO_MASK, unused.data(), unused_map.data());
+    f.count_steps();
+    // Starts anywhere, some outside, in no particular order.
+    std::vector<flow::vec2> starts;
+    std::uint32_t s = 12345;
+    for (int k = 0; k < 6000; ++k) {
+        s = s * 1664525u + 1013904223u;
+        const float x = float(s >> 8) * 0x1p-24f * (w + 4) - 2.0f;
+        s = s * 1664525u + 1013904223u;
+        starts.push_back({x, float(s >> 8) * 0x1p-24f * (h + 4) - 2.0f});
+    }
+    halden::compute::usm_ptr<flow::vec2, 1> particles(*q, {starts.size()});
+    particles.copy_from_host(starts.data());
+    const std::vector<flow::vec2> table = flow::plan::directions();
+    halden::compute::usm_ptr<flow::vec2, 1> directions(*q, {table.size()});
+    directions.copy_from_host(table.data());
+    const grid heights = upload(*q, hills(w, h), w, h);
+    grid all = upload(*q, std::vector<float>(w * h, 0.0f), w, h);
+    f.flow(particles, 0, unsigned(starts.size()), 60, 0, heights, all, directions);
+    // Every visit a trace makes lands in the grid exactly once.
+    const std::vector<float> counted = download(all);
+    const double total = std::accumulate(counted.begin(), counted.end(), 0.0);
+    EXPECT_EQ(total, double(f.steps()));
+    EXPECT_GT(total, 10.0 * double(starts.size()));
+    // The same traces launched in small pieces count the same.
+    grid pieces = upload(*q, std::vector<float>(w * h, 0.0f), w, h);
+    for (unsigned o = 0; o < starts.size(); o += 37)
+        f.flow(particles, o, std::min(37u, unsigned(starts.size()) - o), 60, 0, heights, pieces, directions);
+    expect_same_bits(download(pieces), counted);
+}
+
+TEST_P(FlowKernels, PitFillingSkipsOnlyWhatCannotChange) {
+    // Narrower than 256 cells: one pyramid level, so the working heights are
+    // the plain passes over the input. Noise keeps pits filling for many
+    // passes, first over many rows, then over few.
+    for (const auto& [w, h] : {std::pair{250, 700}, std::pair{40, 30}, std::pair{255, 2}}) {
+        const std::vector<float> noise = random_cells(w, h, unsigned(w + h));
+        std::vector<float> map(noise.size());
+        flow::Flow f(*q, record(w, h), HALDEN_FLOW_NO_MASK, noise.data(), map.data());
+        ASSERT_TRUE(f.process());
+        grid plain = upload(*q, noise, w, h), scratch(*q, {std::size_t(h), std::size_t(w)});
+        for (int pass = 0; pass < flow::fill_passes; ++pass) f.fill_pits(plain, scratch);
+        expect_same_bits(download(f.working_heights()), download(plain));
+    }
+}
+
+TEST_P(FlowKernels, BatchesFoldEveryVisitOnce) {
+    // Enough particles for short and long traces in every batch.
+    const int w = 600, h = 500;
+    const std::vector<float> terrain = hills(w, h);
+    std::vector<float> intensity(terrain.size()), both(terrain.size());
+    flow::Parameters p = record(w, h, 0.5f, 9);
+    p.accumulation = 0.0f;
+    flow::Flow first(*q, p, HALDEN_FLOW_NO_MASK, terrain.data(), intensity.data());
+    ASSERT_TRUE(first.process());
+    // A linear weight of exactly 1: the map is the intensity plus the visits.
+    p.accumulation = 100000.0f;
+    ASSERT_EQ(p.accumulation * 1.0e-5f, 1.0f);
+    flow::Flow second(*q, p, HALDEN_FLOW_NO_MASK, terrain.data(), both.data());
+    second.count_steps();
+    ASSERT_TRUE(second.process());
+    double total = 0.0;
+    for (std::size_t i = 0; i < both.size(); ++i) {
+        const double visits = double(both[i]) - double(intensity[i]);
+        ASSERT_GE(visits, -0.25) << i;
+        total += std::nearbyint(visits);
+    }
+    EXPECT_EQ(total, double(second.steps()));
+    EXPECT_GT(total, 16.0 * double(w * h));
+}
+
 HALDEN_INSTANTIATE_ON_BACKENDS(FlowKernels);
 
 class FlowExport : public DeviceTest {
@@ -136,6 +220,32 @@ TEST_P(FlowExport, FlowRunsDownhillTheSameForTheSameSeed) {
     EXPECT_EQ(a, std::vector<float>(w * h, 0.0f));
     EXPECT_EQ(run(terrain, a, p, 0), 0u);
     EXPECT_EQ(a, std::vector<float>(w * h, 0.0f));
+}
+
+TEST_P(FlowExport, SingleVisitTracesGiveTheExactMap) {
+    // Length 0: a long trace stops after its first visit, and with a
+    // multiple of 32 particles every trace is long. Each start that moves is
+    // then one visit of its cell in one batch, and the map is known to the
+    // bit. Heights max(x, 2) fill to themselves (the low columns are flat,
+    // not pits), and a particle has a slope to follow from x = 2.5 on.
+    const int w = 64, h = 48;
+    std::vector<float> terrain = plane(w, h);
+    for (float& v : terrain) v = std::max(v, 2.0f);
+    std::vector<float> mask(w * h);
+    for (int i = 0; i < w * h; ++i) mask[i] = (i * 7919) % (w * h) < 1600 ? 1.0f : 0.0f;
+    flow::Parameters p = record(w, h, 0.0f, 21);
+    p.accumulation = 3.0f;
+    std::vector<float> map = mask;
+    ASSERT_EQ(run(terrain, map, p, 0), 0u);
+    const std::vector<flow::vec2> starts = flow::plan::seed_particles(p, mask.data());
+    ASSERT_EQ(starts.size(), 1600u);
+    const float k = flow::plan::batch_gain(0, 50, 1600, std::uint64_t(w) * h, 2.0f);
+    const float weight = p.accumulation * 1.0e-5f;
+    std::vector<float> want(w * h, 0.0f);
+    for (const flow::vec2& s : starts)
+        if (s.x >= 2.5f && s.x < float(w - 1) && s.y < float(h - 1))
+            want[std::size_t(s.y) * w + std::size_t(s.x)] = (k * 1.0f * 0.03125f) / (k * 1.0f + 8.0f) + weight * 1.0f;
+    expect_same_bits(map, want);
 }
 
 int g_calls = 0;

@@ -6,6 +6,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "core/bits.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "device/messages.hpp"
@@ -100,11 +101,11 @@ Flow::Flow(queue& q, const Parameters& parameters, std::uint64_t no_mask, const 
       m_masked(no_mask != HALDEN_FLOW_NO_MASK),
       m_mask(h_flow),
       m_mask_or_map(h_flow),
-      m_input(q, h_heights, halden::core::grid_extent(parameters.width, parameters.height)),
-      m_working(q, m_input.extent(), "working heights"),
-      m_visits(q, m_input.extent(), "visits"),
-      m_intensity(q, m_input.extent(), "flow intensity"),
-      m_result(q, m_input.extent(), "flow map") {
+      m_heights_in(h_heights),
+      m_working(q, halden::core::grid_extent(parameters.width, parameters.height), "working heights"),
+      m_visits(q, m_working.extent(), "visits"),
+      m_intensity(q, m_working.extent(), "flow intensity"),
+      m_result(q, m_working.extent(), "flow map") {
     const std::string problem = check(m_parameters);
     if (!problem.empty()) throw std::invalid_argument(problem);
 }
@@ -118,37 +119,150 @@ Flow::~Flow() {
     }
 }
 
-void Flow::fill_pits(grid& heights, grid& scratch, grid& marks) {
-    const float* in = heights.get();
-    float* out = scratch.get();
-    float* mark = marks.get();
-    const int w = halden::core::width_of(heights), h = halden::core::height_of(heights);
-    m_queue.parallel_for(heights.extent(), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-        const int r = int(row), c = int(col);
-        // Values at the largest finite float never register, so a second
-        // below it means one was found.
-        float lowest = 3.4028235e38f, second = 3.4028235e38f;
+namespace {
+
+using halden::core::border_cell;
+using halden::core::border_cells;
+using halden::core::interior_extent;
+
+// Values at the largest finite float never register, so a second below it
+// means one was found.
+constexpr float no_height = 3.4028235e38f;
+
+// The host fills a level's remaining passes in one work item once the rows
+// that may still change hold at most this many cells.
+constexpr std::size_t fill_tail_cells = std::size_t(1) << 17;
+
+// Takes one neighbour into the lowest and second-lowest so far. Written as
+// selects so that the interior loop vectorises; a NaN neighbour changes
+// neither, and with equal values the first seen stays lowest.
+HALDEN_HD inline void take_neighbour(float v, float& lowest, float& second) {
+    const bool below = v < lowest;
+    second = below ? lowest : (v < second ? v : second);
+    lowest = below ? v : lowest;
+}
+
+// One cell of a pass: it rises to its second-lowest neighbour (or its only
+// one). Border cells clamp the neighbourhood; interior cells visit the same
+// eight neighbours, in the same order, without a test. Returns whether the
+// cell's bits changed.
+template <bool Border, bool Marks>
+HALDEN_HD inline bool fill_cell(const float* in, float* out, float* mark, int w, int h, int r, int c,
+                                std::ptrdiff_t i) {
+    float lowest = no_height, second = no_height;
+    if (Border) {
         for (int y = r > 0 ? r - 1 : 0; y <= (r + 1 < h ? r + 1 : h - 1); ++y)
-            for (int x = c > 0 ? c - 1 : 0; x <= (c + 1 < w ? c + 1 : w - 1); ++x) {
-                if (y == r && x == c) continue;
-                const float v = in[y * w + x];
-                if (v < lowest) {
-                    second = lowest;
-                    lowest = v;
-                } else if (v >= lowest && v < second) {
-                    second = v;
-                }
-            }
-        // A cell with a single neighbour rises to that neighbour.
-        const float target = second < 3.4028235e38f ? second : lowest;
-        const float height = in[r * w + c];
-        if (height > target) {
-            out[r * w + c] = height;
-        } else {
-            out[r * w + c] = target;
-            if (mark) mark[r * w + c] = 1.0f;
+            for (int x = c > 0 ? c - 1 : 0; x <= (c + 1 < w ? c + 1 : w - 1); ++x)
+                if (y != r || x != c) take_neighbour(in[y * w + x], lowest, second);
+    } else {
+        HALDEN_UNROLL
+        for (int k = 0; k < 9; ++k)
+            if (k != 4) take_neighbour(in[i + std::ptrdiff_t(k / 3 - 1) * w + (k % 3 - 1)], lowest, second);
+    }
+    // A cell with a single neighbour rises to that neighbour.
+    const float target = second < no_height ? second : lowest;
+    const float height = in[i];
+    const bool keeps = height > target;
+    const float next = keeps ? height : target;
+    out[i] = next;
+    if (Marks && !keeps) mark[i] = 1.0f;
+    return halden::float_bits(next) != halden::float_bits(height);
+}
+
+#if defined(__CUDA_ARCH__)
+#  define HALDEN_FLOW_ROW_LOOP
+#else
+#  define HALDEN_FLOW_ROW_LOOP _Pragma("omp simd reduction(| : differs)")
+#endif
+
+// A pass on the device: the interior cells, then the border ring.
+template <bool Marks>
+void fill_cells(queue& q, const float* in, float* out, float* mark, int w, int h) {
+    q.parallel_for(interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
+        fill_cell<false, Marks>(in, out, mark, w, h, 0, 0, i);
+    });
+    q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
+        const halden::core::cell b = border_cell(k, w, h);
+        fill_cell<true, Marks>(in, out, mark, w, h, b.y, b.x, std::ptrdiff_t(b.y) * w + b.x);
+    });
+}
+
+// One row of a pass on the host, its interior in a vector loop. With
+// `before`, the previous pass's record of the rows that changed, a row whose
+// neighbourhood did not change is skipped: its cells would come out as they
+// went in, and the output already holds them (written by the pass before,
+// from the same values). Returns whether a cell of the row changed.
+template <bool Marks>
+HALDEN_HD inline int fill_row(const float* in, float* out, float* mark, int w, int h, int r,
+                              const std::int32_t* before) {
+    if (before && !(before[r] | (r > 0 ? before[r - 1] : 0) | (r + 1 < h ? before[r + 1] : 0))) return 0;
+    const std::ptrdiff_t first = std::ptrdiff_t(r) * w;
+    int changed = 0;
+    if (r == 0 || r == h - 1) {
+        for (int c = 0; c < w; ++c) changed |= fill_cell<true, Marks>(in, out, mark, w, h, r, c, first + c);
+        return changed;
+    }
+    changed |= fill_cell<true, Marks>(in, out, mark, w, h, r, 0, first);
+    if (w > 1) changed |= fill_cell<true, Marks>(in, out, mark, w, h, r, w - 1, first + w - 1);
+    int differs = 0;
+    HALDEN_FLOW_ROW_LOOP
+    for (int c = 1; c < w - 1; ++c) differs |= fill_cell<false, Marks>(in, out, mark, w, h, 0, 0, first + c);
+    return changed | differs;
+}
+
+// A pass on the host: one work item per row, all in one launch; with
+// `changed`, each row records whether it changed.
+template <bool Marks>
+void fill_rows(queue& q, const float* in, float* out, float* mark, int w, int h, const std::int32_t* before,
+               std::int32_t* changed) {
+    q.parallel_for(range<1>{std::size_t(h)}, HALDEN_KERNEL(std::size_t row) {
+        const int changed_here = fill_row<Marks>(in, out, mark, w, h, int(row), before);
+        if (changed) changed[row] = changed_here;
+    });
+}
+
+// The last `passes` passes of a level on the host in one work item, when
+// few rows still change: a launch each would cost more than the rows. The
+// grids alternate as the passes' exchanges alternate them, and once a pass
+// changes nothing the rest would not either and are left out.
+void fill_tail(queue& q, float* heights, float* scratch, int w, int h, int passes, std::int32_t* before,
+               std::int32_t* changed) {
+    // A one-item grid: the host runs it on the calling thread.
+    q.parallel_for(range<2>{1, 1}, HALDEN_KERNEL(std::size_t, std::size_t) {
+        float* in = heights;
+        float* out = scratch;
+        std::int32_t* was = before;
+        std::int32_t* is = changed;
+        for (int pass = 0; pass < passes; ++pass) {
+            int any = 0;
+            for (int r = 0; r < h; ++r) any |= is[r] = fill_row<false>(in, out, nullptr, w, h, r, was);
+            if (!any) return;
+            float* t = in;
+            in = out;
+            out = t;
+            std::int32_t* u = was;
+            was = is;
+            is = u;
         }
     });
+}
+
+template <bool Marks>
+void fill_pass(queue& q, const float* in, float* out, float* mark, int w, int h, const std::int32_t* before,
+               std::int32_t* changed) {
+    if (q.get_device().get_backend() == halden::compute::backend::native)
+        fill_rows<Marks>(q, in, out, mark, w, h, before, changed);
+    else
+        fill_cells<Marks>(q, in, out, mark, w, h);
+}
+
+}  // namespace
+
+void Flow::fill_pits(grid& heights, grid& scratch, grid& marks) {
+    const int w = halden::core::width_of(heights), h = halden::core::height_of(heights);
+    if (marks.get()) fill_pass<true>(m_queue, heights.get(), scratch.get(), marks.get(), w, h, nullptr, nullptr);
+    else fill_pass<false>(m_queue, heights.get(), scratch.get(), nullptr, w, h, nullptr, nullptr);
     // The pass's second kernel, a copy back, becomes an exchange.
     heights.swap(scratch);
 }
@@ -160,12 +274,19 @@ void Flow::fill_pits(grid& heights, grid& scratch) {
 
 namespace {
 
+// A bilinear sample: height and gradient.
+struct sampled {
+    float h, gx, gy;
+};
+
 // The particles' view of the heights: bilinear height and gradient at p.
 struct surface {
     const float* h;
     int cols, rows;
 
-    HALDEN_HD void sample(vec2 p, float& height, float& gx, float& gy) const {
+    // Values in and out, no references: the host's lane loop then keeps its
+    // temporaries in registers.
+    HALDEN_HD sampled sample(vec2 p) const {
         const float u = p.x - 0.5f, v = p.y - 0.5f;
         // trunc for the corners, floor for the fractions: within half a cell
         // of the low border they differ, and the fraction lies in [0.5, 1).
@@ -175,69 +296,363 @@ struct surface {
         const float fx = u - floorf(u), fy = v - floorf(v);
         const float h00 = h[j0 * cols + i0], h01 = h[j0 * cols + i1];
         const float h10 = h[j1 * cols + i0], h11 = h[j1 * cols + i1];
-        gx = (h01 - h00) * (1.0f - fy) + (h11 - h10) * fy;
-        gy = (h10 - h00) * (1.0f - fx) + (h11 - h01) * fx;
-        height = (h00 * (1.0f - fx) + h01 * fx) * (1.0f - fy) + (h10 * (1.0f - fx) + h11 * fx) * fy;
+        sampled out;
+        out.gx = (h01 - h00) * (1.0f - fy) + (h11 - h10) * fy;
+        out.gy = (h10 - h00) * (1.0f - fx) + (h11 - h01) * fx;
+        out.h = (h00 * (1.0f - fx) + h01 * fx) * (1.0f - fy) + (h10 * (1.0f - fx) + h11 * fx) * fy;
+        return out;
     }
     // Written so that a NaN position counts as outside.
     HALDEN_HD bool inside(vec2 p) const {
         return p.x >= 0.0f && p.x < float(cols) - 1.0f && p.y >= 0.0f && p.y < float(rows) - 1.0f;
     }
+    HALDEN_HD int cell(float x, float y) const { return int(y) * cols + int(x); }
 };
+
+// A particle between two moves, at a position it has yet to visit.
+struct tracer {
+    float x, y, dx, dy;
+    float h, h_before;  // the heights at this position and the one before
+    float stalls;
+    std::uint32_t s;
+    int moves;
+};
+
+// When a trace of `max_steps` stops: at its last move, or once it has stalled
+// more often than the limit.
+struct trace_limits {
+    float last_move, stall_limit;
+};
+
+trace_limits limits_for(unsigned max_steps) {
+    return {float(max_steps) - 1.0f, halden::max_of(float(max_steps) * 0.08f, 4.0f)};
+}
+
+// A particle at its start, or false when it has no slope to follow and
+// never visits a cell.
+HALDEN_HD inline bool begin_trace(const surface& ground, vec2 p, std::uint32_t seed, std::uint32_t idx, tracer& t) {
+    if (!ground.inside(p)) return false;
+    const sampled g = ground.sample(p);
+    const float len = sqrtf(g.gx * g.gx + g.gy * g.gy);
+    if (len <= 0.0f) return false;
+    t = {p.x, p.y, -g.gx / len, -g.gy / len, g.h, 0.0f, 0.0f, halden::xorshift(halden::seed_state(seed + idx)), 0};
+    return true;
+}
+
+// Moves the tracer to `to` (inside the grid) and turns it there: downhill,
+// with inertia and a random nudge. Selects rather than branches, so that
+// the host's lanes vectorise it.
+HALDEN_HD inline tracer turn(const surface& ground, const vec2* directions, vec2 to, tracer t) {
+    t.s = halden::xorshift(t.s);
+    const sampled g = ground.sample(to);
+    // Not descending since the previous move: one more stall.
+    const bool stalled = t.moves >= 1 && !(t.h < t.h_before);
+    t.stalls = stalled ? t.stalls + 1.0f : t.stalls;
+    t.h_before = t.h;
+    t.h = g.h;
+    const float len = sqrtf(g.gx * g.gx + g.gy * g.gy);
+    const vec2 r = directions[(t.s * 625341313u - 1u) & 31u];
+    const float nx = (1.2f * t.dx - g.gx / len) + 0.7f * r.x;
+    const float ny = (1.2f * t.dy - g.gy / len) + 0.7f * r.y;
+    const float nl = sqrtf(nx * nx + ny * ny);
+    // A flat spot keeps the heading.
+    t.dx = len > 0.0f ? nx / nl : t.dx;
+    t.dy = len > 0.0f ? ny / nl : t.dy;
+    t.x = to.x;
+    t.y = to.y;
+    ++t.moves;
+    return t;
+}
+
+// The trace ends at the tracer's position, unvisited: at its last move, or
+// once it has stalled more often than the limit.
+HALDEN_HD inline bool ends(const tracer& t, trace_limits lim) {
+    return float(t.moves) == lim.last_move || t.stalls > lim.stall_limit;
+}
+
+// One launch of traces. Trace k starts at starts[k] and draws as particle
+// ids[k] (first_id + k without ids); particles from long_from on run the long
+// limits. Visits are counted into `visits`, and with `steps` each trace's
+// visit count is stored at its particle.
+struct trace_launch {
+    const vec2* starts;
+    const std::uint32_t* ids;
+    std::uint32_t first_id, long_from;
+    unsigned count;
+    trace_limits short_limits, long_limits;
+    surface ground;
+    const vec2* directions;
+    std::uint32_t seed;
+    std::uint32_t* steps;
+};
+
+HALDEN_HD inline std::uint32_t particle_of(const trace_launch& a, unsigned k) {
+    return a.ids ? a.ids[k] : a.first_id + k;
+}
+
+// A whole trace, move by move: the device's work item.
+template <class Count>
+HALDEN_HD inline void run_trace(const trace_launch& a, unsigned k, Count* visits) {
+    const std::uint32_t idx = particle_of(a, k);
+    tracer t;
+    if (!begin_trace(a.ground, a.starts[k], a.seed, idx, t)) return;
+    const trace_limits lim = idx >= a.long_from ? a.long_limits : a.short_limits;
+    std::uint32_t visits_made = 0;
+    for (;;) {
+        halden::compute::atomic_add(&visits[a.ground.cell(t.x, t.y)], Count(1));
+        ++visits_made;
+        const vec2 to{t.x + t.dx, t.y + t.dy};
+        if (!a.ground.inside(to)) break;
+        t = turn(a.ground, a.directions, to, t);
+        if (ends(t, lim)) break;
+    }
+    if (a.steps) a.steps[idx] = visits_made;
+}
+
+#if defined(__CUDA_ARCH__)
+#  define HALDEN_FLOW_LANES
+#else
+#  define HALDEN_FLOW_LANES _Pragma("omp simd")
+#endif
+
+// Traces run side by side in this many lanes of one host work item: one
+// trace's moves form a chain of dependent divisions, square roots and loads,
+// and the lanes' chains overlap, in vector registers where the set has them.
+constexpr int lanes = 8;
+// Traces taken from the launch's shared counter at a time.
+constexpr int grab = 64;
+// Host work items per lane group: the first of each runs one, the others
+// return at once, so the launch still hands out its chunks to every thread.
+constexpr unsigned items_per_group = 256;
+
+// A hint that *p will be written soon.
+template <class T>
+HALDEN_HD inline void prefetch(T* p) {
+#if defined(__CUDA_ARCH__)
+    (void)p;
+#else
+    __builtin_prefetch(p, 1, 3);
+#endif
+}
+
+// a where `keep` is 1, b where it is 0, without a branch.
+HALDEN_HD inline std::uint32_t pick(std::uint32_t keep, std::uint32_t a, std::uint32_t b) {
+    const std::uint32_t m = 0u - keep;
+    return (a & m) | (b & ~m);
+}
+HALDEN_HD inline float pick(std::uint32_t keep, float a, float b) {
+    return halden::bits_float(pick(keep, halden::float_bits(a), halden::float_bits(b)));
+}
+
+// The lanes' tracers, one array per field so that a move of all lanes
+// loads and stores whole vectors. A move reads one of two and writes the
+// other: every field is stored whole, never masked.
+struct lane_state {
+    float x[lanes], y[lanes], dx[lanes], dy[lanes], h[lanes], h_before[lanes], stalls[lanes];
+    std::uint32_t s[lanes];
+    int moves[lanes], cell[lanes], on[lanes];
+};
+// What the lanes' traces keep while they run.
+struct lane_traces {
+    float last_move[lanes], stall_limit[lanes];
+    std::uint32_t idx[lanes], made[lanes];
+    int held[lanes];
+};
+
+// Moves lane l's tracer once. The lane loop's body is this call alone, so
+// that the simd lowering finds no aggregate in the loop to privatise; once
+// inlined, the tracer lives in registers.
+HALDEN_HD inline void move_lane(const lane_state& g, lane_state& next, const lane_traces& traces, int l,
+                                const surface& ground, const vec2* directions) {
+    const vec2 to{g.x[l] + g.dx[l], g.y[l] + g.dy[l]};
+    const bool in = ground.inside(to);
+    // Lanes that leave or idle sample where they are, inside the grid (a
+    // lane that never ran stands at 0, 0, inside when any trace runs), and
+    // keep nothing of it.
+    const vec2 at{in ? to.x : g.x[l], in ? to.y : g.y[l]};
+    const tracer t = turn(ground, directions, at,
+                          {g.x[l], g.y[l], g.dx[l], g.dy[l], g.h[l], g.h_before[l], g.stalls[l], g.s[l], g.moves[l]});
+    const bool stop = ends(t, {traces.last_move[l], traces.stall_limit[l]});
+    // Selected by masks rather than by conditionals: the compiler then
+    // finds no branch to turn the stores into masked ones.
+    const std::uint32_t keep = g.on[l] && in;
+    next.x[l] = pick(keep, t.x, g.x[l]);
+    next.y[l] = pick(keep, t.y, g.y[l]);
+    next.dx[l] = pick(keep, t.dx, g.dx[l]);
+    next.dy[l] = pick(keep, t.dy, g.dy[l]);
+    next.h[l] = pick(keep, t.h, g.h[l]);
+    next.h_before[l] = pick(keep, t.h_before, g.h_before[l]);
+    next.stalls[l] = pick(keep, t.stalls, g.stalls[l]);
+    next.s[l] = pick(keep, t.s, g.s[l]);
+    next.moves[l] = int(pick(keep, std::uint32_t(t.moves), std::uint32_t(g.moves[l])));
+    next.cell[l] = int(pick(keep, std::uint32_t(ground.cell(t.x, t.y)), std::uint32_t(g.cell[l])));
+    next.on[l] = int(keep & std::uint32_t(!stop));
+}
+
+// A lane group on the host: each lane runs a trace and takes the next
+// unclaimed one when it ends, until the launch's counter runs out. Trace
+// lengths differ by hundreds of moves; refilled lanes stay busy. Every trace
+// moves exactly as run_trace moves it, and visit counts are integers, so the
+// order in which lanes and threads count them changes nothing.
+template <class Count>
+HALDEN_HD inline void run_lanes(const trace_launch& a, Count* visits, std::int32_t* claimed) {
+    lane_state states[2];
+    lane_traces traces;
+    for (int l = 0; l < lanes; ++l) {
+        states[0].x[l] = states[0].y[l] = states[0].dx[l] = states[0].dy[l] = 0.0f;
+        states[0].h[l] = states[0].h_before[l] = states[0].stalls[l] = 0.0f;
+        states[0].s[l] = 0;
+        states[0].moves[l] = states[0].cell[l] = states[0].on[l] = 0;
+        traces.last_move[l] = traces.stall_limit[l] = 0.0f;
+        traces.idx[l] = traces.made[l] = 0;
+        traces.held[l] = 0;
+    }
+    int current = 0;
+    int late[lanes];
+    int late_count = 0;
+    unsigned next = 0, end = 0;
+    bool drained = false;
+    for (;;) {
+        lane_state& g = states[current];
+        int running = 0;
+        for (int l = 0; l < lanes; ++l) {
+            if (g.on[l]) {
+                ++running;
+                continue;
+            }
+            if (traces.held[l] && a.steps) a.steps[traces.idx[l]] = traces.made[l];
+            traces.held[l] = 0;
+            while (!drained) {
+                if (next == end) {
+                    const std::int32_t first = halden::compute::atomic_add(claimed, std::int32_t(grab));
+                    if (unsigned(first) >= a.count) {
+                        drained = true;
+                        break;
+                    }
+                    next = unsigned(first);
+                    end = a.count - next < unsigned(grab) ? a.count : next + unsigned(grab);
+                }
+                const unsigned k = next++;
+                const std::uint32_t id = particle_of(a, k);
+                tracer t;
+                if (!begin_trace(a.ground, a.starts[k], a.seed, id, t)) continue;
+                const trace_limits lim = id >= a.long_from ? a.long_limits : a.short_limits;
+                g.x[l] = t.x, g.y[l] = t.y, g.dx[l] = t.dx, g.dy[l] = t.dy, g.h[l] = t.h, g.h_before[l] = t.h_before;
+                g.stalls[l] = t.stalls, g.s[l] = t.s, g.moves[l] = t.moves, g.cell[l] = a.ground.cell(t.x, t.y);
+                g.on[l] = 1;
+                traces.last_move[l] = lim.last_move, traces.stall_limit[l] = lim.stall_limit;
+                traces.idx[l] = id, traces.made[l] = 0, traces.held[l] = 1;
+                ++running;
+                break;
+            }
+        }
+        // A visit is counted one round late: the count's cache line is
+        // fetched meanwhile, and the locked add, which waits for it and
+        // holds up everything after it, finds it at hand.
+        for (int k = 0; k < late_count; ++k) halden::compute::atomic_add(&visits[late[k]], Count(1));
+        late_count = 0;
+        if (running == 0) return;
+        for (int l = 0; l < lanes; ++l)
+            if (g.on[l]) {
+                late[late_count++] = g.cell[l];
+                prefetch(&visits[g.cell[l]]);
+                ++traces.made[l];
+            }
+        lane_state& moved = states[current ^ 1];
+        HALDEN_FLOW_LANES
+        for (int l = 0; l < lanes; ++l) move_lane(g, moved, traces, l, a.ground, a.directions);
+        current ^= 1;
+    }
+}
+
+template <class Count>
+void run_traces(queue& q, const trace_launch& a, Count* visits, std::int32_t* claimed) {
+    if (a.count == 0) return;
+    if (q.get_device().get_backend() != halden::compute::backend::native) {
+        q.parallel_for(range<1>{a.count}, HALDEN_KERNEL(std::size_t i) { run_trace(a, unsigned(i), visits); });
+        return;
+    }
+    const std::int32_t zero = 0;
+    q.copy(&zero, claimed, sizeof zero);
+    q.parallel_for(range<1>{a.count}, HALDEN_KERNEL(std::size_t i) {
+        if (i % items_per_group == 0) run_lanes(a, visits, claimed);
+    });
+}
+
+// A batch's counts folded into the saturating intensity and the linear
+// accumulation, and cleared for a later batch.
+struct batch_fold {
+    std::int32_t* counts;
+    float* intensity;
+    float* linear;
+    float gain, weight;
+};
+
+HALDEN_HD inline void fold_cell(const batch_fold& f, std::size_t i) {
+    // A float count stops at 2^24, where adding one no longer changes it.
+    const std::int32_t v = f.counts[i];
+    const float c = float(v < 16777216 ? v : 16777216);
+    f.intensity[i] = f.intensity[i] + (f.gain * c * 0.03125f) / (f.gain * c + 8.0f);
+    f.linear[i] = f.linear[i] + f.weight * c;
+    f.counts[i] = 0;
+}
+
+void fold(queue& q, range<2> extent, const batch_fold& f) {
+    const std::size_t cols = extent.cols;
+    q.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) { fold_cell(f, row * cols + col); });
+}
+
+// The host runs a batch's traces and folds the previous batch, counted into
+// the other count grid, in one launch: one wait for the team fewer per
+// batch, and the fold's rows fill the threads that the traces' last lanes
+// leave idle. The rows come first, the lane groups after them.
+void run_traces_folding(queue& q, const trace_launch& a, std::int32_t* visits, std::int32_t* claimed,
+                        const batch_fold& previous, range<2> extent) {
+    const std::int32_t zero = 0;
+    q.copy(&zero, claimed, sizeof zero);
+    const std::size_t rows = extent.rows, cols = extent.cols;
+    q.parallel_for(range<1>{rows + a.count}, HALDEN_KERNEL(std::size_t i) {
+        if (i < rows) {
+            HALDEN_FLOW_LANES
+            for (std::size_t c = 0; c < cols; ++c) fold_cell(previous, i * cols + c);
+        } else if ((i - rows) % items_per_group == 0) {
+            run_lanes(a, visits, claimed);
+        }
+    });
+}
 
 }  // namespace
 
 void Flow::flow(const usm_ptr<vec2, 1>& particles, unsigned offset, unsigned count, unsigned max_steps, unsigned,
                 const grid& heights, grid& visits, const usm_ptr<vec2, 1>& directions) {
-    const vec2* d_particles = particles.get();
-    const vec2* d_directions = directions.get();
-    float* d_visits = visits.get();
-    std::uint32_t* d_steps = m_count_steps ? m_particle_steps.get() : nullptr;
-    const surface ground{heights.get(), halden::core::width_of(heights), halden::core::height_of(heights)};
-    const int cols = ground.cols;
-    const std::uint32_t seed = m_parameters.seed;
-    const float last_move = float(max_steps) - 1.0f;
-    const float stall_limit = halden::max_of(float(max_steps) * 0.08f, 4.0f);
-    m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
-        const unsigned idx = offset + unsigned(i);
-        vec2 p = d_particles[idx];
-        if (!ground.inside(p)) return;
-        float h, gx, gy;
-        ground.sample(p, h, gx, gy);
-        const float len = sqrtf(gx * gx + gy * gy);
-        if (len <= 0.0f) return;
-        float dx = -gx / len, dy = -gy / len;
-        std::uint32_t s = halden::xorshift(halden::seed_state(seed + idx));
+    if (m_count_steps && m_particle_steps.size() < std::size_t(offset) + count) {
+        m_particle_steps = usm_ptr<std::uint32_t, 1>(m_queue, {std::size_t(offset) + count}, "particle steps");
+        std::uint32_t* d_steps = m_particle_steps.get();
+        m_queue.parallel_for(m_particle_steps.extent(), HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
+    }
+    const trace_limits lim = limits_for(max_steps);
+    const trace_launch a{particles.get() + offset,
+                         nullptr,
+                         offset,
+                         0,
+                         count,
+                         lim,
+                         lim,
+                         {heights.get(), halden::core::width_of(heights), halden::core::height_of(heights)},
+                         directions.get(),
+                         m_parameters.seed,
+                         m_count_steps ? m_particle_steps.get() : nullptr};
+    run_traces(m_queue, a, visits.get(), claimed_counter());
+    if (!m_count_steps || count == 0) return;
+    std::vector<std::uint32_t> steps(count);
+    m_queue.copy(m_particle_steps.get() + offset, steps.data(), count * sizeof(std::uint32_t));
+    m_queue.synchronize();
+    for (std::uint32_t s : steps) m_steps += s;
+}
 
-        unsigned moves = 0, visits_made = 0;
-        float stalls = 0.0f, h_before_previous = 0.0f;
-        for (;;) {
-            halden::compute::atomic_add(&d_visits[int(p.y) * cols + int(p.x)], 1.0f);
-            ++visits_made;
-            p.x += dx;
-            p.y += dy;
-            if (!ground.inside(p)) break;
-            s = halden::xorshift(s);
-            float h2, g2x, g2y;
-            ground.sample(p, h2, g2x, g2y);
-            // Not descending since the previous move: one more stall.
-            if (moves >= 1 && !(h < h_before_previous)) stalls += 1.0f;
-            h_before_previous = h;
-            h = h2;
-            const float len2 = sqrtf(g2x * g2x + g2y * g2y);
-            if (len2 > 0.0f) {
-                const vec2 r = d_directions[((s * 625341313u - 1u) & 31u) & 0x7FFFFFFFu];
-                const float nx = (1.2f * dx - g2x / len2) + 0.7f * r.x;
-                const float ny = (1.2f * dy - g2y / len2) + 0.7f * r.y;
-                const float nl = sqrtf(nx * nx + ny * ny);
-                dx = nx / nl;
-                dy = ny / nl;
-            }
-            ++moves;
-            if (float(moves) == last_move || stalls > stall_limit) break;
-        }
-        if (d_steps) d_steps[idx] = visits_made;
-    });
+std::int32_t* Flow::claimed_counter() {
+    if (!m_claimed.get()) m_claimed = usm_ptr<std::int32_t, 1>(m_queue, {1}, "trace counter");
+    return m_claimed.get();
 }
 
 bool Flow::fill_pyramid() {
@@ -249,12 +664,48 @@ bool Flow::fill_pyramid() {
     // the cells filled, so that a cancel lands within one pass.
     double cells = 0;
     for (const LaplacianLevel* level : chain) cells += double(level->heights().size());
+    // On the host, rows record their changes and a pass skips the rows
+    // around which nothing changed; once a whole pass changes nothing, the
+    // remaining ones would not either and are not run.
+    const bool host = m_queue.get_device().get_backend() == halden::compute::backend::native;
     for (std::size_t i = chain.size(); i-- > 0;) {
         LaplacianLevel& level = *chain[i];
+        const int w = halden::core::width_of(level.heights()), h = halden::core::height_of(level.heights());
         grid scratch(m_queue, level.heights().extent(), "pit filling scratch");
+        usm_ptr<std::int32_t, 1> before, changed;
+        std::vector<std::int32_t> record;
+        if (host) {
+            before = usm_ptr<std::int32_t, 1>(m_queue, {std::size_t(h)}, "pit filling rows");
+            changed = usm_ptr<std::int32_t, 1>(m_queue, {std::size_t(h)}, "pit filling rows");
+            record.assign(std::size_t(h), 1);
+            before.copy_from_host(record.data());
+        }
+        std::size_t active_rows = std::size_t(h);
+        bool settled = false;
         const double share = fill_share * double(level.heights().size()) / (cells * fill_passes);
         for (int pass = 0; pass < fill_passes; ++pass) {
-            fill_pits(level.heights(), scratch, level.marks());
+            if (!host) {
+                fill_pits(level.heights(), scratch);
+            } else if (!settled && active_rows * std::size_t(w) <= fill_tail_cells) {
+                fill_tail(m_queue, level.heights().get(), scratch.get(), w, h, fill_passes - pass, before.get(),
+                          changed.get());
+                if ((fill_passes - pass) % 2 != 0) level.heights().swap(scratch);
+                settled = true;
+            } else if (!settled) {
+                fill_rows<false>(m_queue, level.heights().get(), scratch.get(), nullptr, w, h, before.get(),
+                                 changed.get());
+                level.heights().swap(scratch);
+                changed.copy_to_host(record.data());
+                m_queue.synchronize();
+                // The rows that may change in the next pass: the changed
+                // ones and their neighbours.
+                active_rows = 0;
+                for (int r = 0; r < h; ++r)
+                    active_rows += record[std::size_t(r)] || (r > 0 && record[std::size_t(r) - 1]) ||
+                                   (r + 1 < h && record[std::size_t(r) + 1]);
+                settled = active_rows == 0;
+                before.swap(changed);
+            }
             m_done += share;
             if (!report_progress()) return false;
         }
@@ -273,16 +724,49 @@ bool Flow::report_progress() {
     return !stop && m_callbacks.cancel() == 0;
 }
 
+namespace plan {
+
+void launch_order(const std::vector<vec2>& particles, int width, int height, vec2* starts, std::uint32_t* ids) {
+    const std::size_t n = particles.size();
+    const std::size_t batch = (n + batches - 1) / batches;
+    const std::size_t long_count = std::min<std::size_t>(n, long_particles) / batches;
+    const std::size_t tiles_x = (std::size_t(width) + order_tile - 1) / order_tile;
+    const std::size_t tiles = tiles_x * ((std::size_t(height) + order_tile - 1) / order_tile);
+    // Runs of neighbouring tiles share a bucket where a batch has fewer
+    // particles than the grid has tiles (thin grids), so that the counting
+    // stays in proportion to the batch.
+    int shift = 0;
+    while ((tiles >> shift) > batch) ++shift;
+    const std::size_t buckets = (tiles >> shift) + 1;
+    std::vector<std::uint32_t> bucket(2 * buckets + 1), key(batch);
+    for (std::size_t o = 0; o < n; o += batch) {
+        const std::size_t count = std::min(n - o, batch);
+        const std::size_t shorts = count > long_count ? count - long_count : 0;
+        std::fill(bucket.begin(), bucket.end(), 0u);
+        for (std::size_t k = 0; k < count; ++k) {
+            // Starts lie inside their cells.
+            const vec2 p = particles[o + k];
+            const std::size_t tile = std::size_t(p.y) / order_tile * tiles_x + std::size_t(p.x) / order_tile;
+            key[k] = std::uint32_t((k < shorts ? buckets : 0) + (tile >> shift));
+            ++bucket[key[k] + 1];
+        }
+        for (std::size_t b = 1; b < bucket.size(); ++b) bucket[b] += bucket[b - 1];
+        for (std::size_t k = 0; k < count; ++k) {
+            const std::size_t slot = o + bucket[key[k]]++;
+            starts[slot] = particles[o + k];
+            ids[slot] = std::uint32_t(o + k);
+        }
+    }
+}
+
+}  // namespace plan
+
 bool Flow::process() {
     const Parameters& p = m_parameters;
     const std::size_t cols = std::size_t(p.width);
-    const range<2> extent = m_input.extent();
+    const range<2> extent = m_working.extent();
 
-    const float* d_input = m_input.get();
-    float* d_working = m_working.get();
-    m_queue.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-        d_working[row * cols + col] = d_input[row * cols + col];
-    });
+    m_working.copy_from_host(m_heights_in);
     // Filling and seeding count as the first half of the progress, the
     // batches as the second.
     m_total = 64.0;
@@ -292,12 +776,18 @@ bool Flow::process() {
     m_next = m_done + m_total * m_step;
     std::vector<vec2> starts;
     if (go_on) starts = plan::seed_particles(p, m_masked ? m_mask : nullptr);
-    float* d_visits = m_visits.get();
+    // The host's second count grid (see the batches).
+    const bool host = m_queue.get_device().get_backend() == halden::compute::backend::native;
+    usm_ptr<std::int32_t, 2> spare;
+    if (go_on && host && !starts.empty()) spare = usm_ptr<std::int32_t, 2>(m_queue, extent, "visits");
+    std::int32_t* d_visits = m_visits.get();
+    std::int32_t* d_spare = spare.get();
     float* d_a = m_intensity.get();
     float* d_b = m_result.get();
     m_queue.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
         const std::size_t i = row * cols + col;
-        d_visits[i] = 0.0f;
+        d_visits[i] = 0;
+        if (d_spare) d_spare[i] = 0;
         d_a[i] = 0.0f;
         d_b[i] = 0.0f;
     });
@@ -309,13 +799,25 @@ bool Flow::process() {
         std::vector<vec2> table = plan::directions();
         plan::shuffle(table, p.seed + 14u);
         usm_ptr<vec2, 1> particles(m_queue, {starts.size()}, "particles");
+        usm_ptr<std::uint32_t, 1> ids(m_queue, {starts.size()}, "particle ids");
         usm_ptr<vec2, 1> directions(m_queue, {table.size()}, "directions");
-        particles.copy_from_host(starts.data());
+        // The host's device memory is its own: the order is written there.
+        if (host) {
+            plan::launch_order(starts, p.width, p.height, particles.get(), ids.get());
+        } else {
+            std::vector<vec2> ordered(starts.size());
+            std::vector<std::uint32_t> ordered_ids(starts.size());
+            plan::launch_order(starts, p.width, p.height, ordered.data(), ordered_ids.data());
+            particles.copy_from_host(ordered.data());
+            ids.copy_from_host(ordered_ids.data());
+            m_queue.synchronize();
+        }
+        starts = std::vector<vec2>();
         directions.copy_from_host(table.data());
         if (m_count_steps) {
-            m_particle_steps = usm_ptr<std::uint32_t, 1>(m_queue, {starts.size()}, "particle steps");
+            m_particle_steps = usm_ptr<std::uint32_t, 1>(m_queue, {n_particles}, "particle steps");
             std::uint32_t* d_steps = m_particle_steps.get();
-            m_queue.parallel_for(range<1>{starts.size()}, HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
+            m_queue.parallel_for(range<1>{n_particles}, HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
         }
 
         const unsigned batch = (n_particles + batches - 1) / batches;
@@ -324,27 +826,53 @@ bool Flow::process() {
         const unsigned long_steps = unsigned(long_limit_f);
         const std::uint64_t cells = std::uint64_t(p.width) * std::uint64_t(p.height);
         const float weight = p.accumulation * 1.0e-5f;
+        trace_launch a{nullptr,
+                       nullptr,
+                       0,
+                       0,
+                       0,
+                       limits_for(short_steps),
+                       limits_for(long_steps),
+                       {m_working.get(), p.width, p.height},
+                       directions.get(),
+                       p.seed,
+                       m_count_steps ? m_particle_steps.get() : nullptr};
+        // The host counts each batch in the grid the batch before did not,
+        // and folds that one while the next batch runs.
+        std::int32_t* counting = d_visits;
+        std::int32_t* other = spare.get();
+        batch_fold pending{nullptr, d_a, d_b, 0.0f, weight};
         for (unsigned o = 0; o < n_particles; o += batch) {
             const unsigned n = std::min(n_particles - o, batch);
             const unsigned shorts = n > long_count ? n - long_count : 0;
-            if (shorts > 0) flow(particles, o, shorts, short_steps, 0, m_working, m_visits, directions);
-            flow(particles, o + shorts, std::min(n, long_count), long_steps, 0, m_working, m_visits, directions);
+            // One launch runs the batch's short and long traces together:
+            // the counts are sums of whole visits, so neither order nor
+            // interleaving shows in them.
+            a.starts = particles.get() + o;
+            a.ids = ids.get() + o;
+            a.count = n;
+            a.long_from = o + shorts;
             const float k = plan::batch_gain(shorts, long_count, n_particles, cells, long_limit_f);
-            m_queue.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-                const std::size_t i = row * cols + col;
-                const float c = d_visits[i];
-                d_a[i] = d_a[i] + (k * c * 0.03125f) / (k * c + 8.0f);
-                d_b[i] = d_b[i] + weight * c;
-                d_visits[i] = 0.0f;
-            });
+            if (host && pending.counts) {
+                run_traces_folding(m_queue, a, counting, claimed_counter(), pending, extent);
+            } else {
+                run_traces(m_queue, a, counting, claimed_counter());
+                if (!host) fold(m_queue, extent, {counting, d_a, d_b, k, weight});
+            }
+            if (host) {
+                pending = {counting, d_a, d_b, k, weight};
+                std::swap(counting, other);
+            }
             m_done += 1.0;
             if (m_done >= m_next) {
                 m_next += m_total * m_step;
                 if (!(go_on = report_progress())) break;
             }
         }
+        // A cancelled run keeps the batches it ran.
+        if (pending.counts) fold(m_queue, extent, pending);
         if (m_count_steps) {
-            std::vector<std::uint32_t> steps(starts.size());
+            std::vector<std::uint32_t> steps(n_particles);
             m_particle_steps.copy_to_host(steps.data());
             m_queue.synchronize();
             for (std::uint32_t s : steps) m_steps += s;

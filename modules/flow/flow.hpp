@@ -31,12 +31,15 @@ inline constexpr unsigned short_steps = 16;
 // At most this many particles (a 32nd per batch) run the long step limit.
 inline constexpr unsigned long_particles = 262144;
 inline constexpr int batches = 32;
+// Side of the square tiles of cells that order the particles of a launch.
+inline constexpr unsigned order_tile = 16;
 // Progress (of 64) reached when the pits are filled.
 inline constexpr double fill_share = 30.0;
 
 // Why a record cannot be run, or empty when it can.
 std::string check(const Parameters& p);
-// Device bytes: five grids and the particles.
+// Device bytes: four grids and the particles with their ids (the host adds a
+// second count grid).
 std::uint64_t memory_estimate(const Parameters& p);
 
 // Host-side pieces, deterministic for a seed.
@@ -53,14 +56,20 @@ std::vector<vec2> directions();
 void shuffle(std::vector<vec2>& v, std::uint32_t seed);
 // The accumulation gain of a batch with `short_count` short traces.
 float batch_gain(unsigned short_count, unsigned long_count, unsigned particles, std::uint64_t cells, float long_limit);
+// The launches' order of the shuffled particles: within each batch the long
+// traces first, then the short ones, each kind in row-major order of
+// order_tile-sided tiles, so that traces run one after another start close
+// together. Slot k gets a start and that particle's index in the shuffled
+// order, which keeps defining the batches and the draws.
+void launch_order(const std::vector<vec2>& particles, int width, int height, vec2* starts, std::uint32_t* ids);
 }  // namespace plan
 
 class Flow {
 public:
     // `no_mask` == HALDEN_FLOW_NO_MASK: every cell emits; otherwise h_flow is
-    // read as the seeding mask. h_flow receives the map when the object is
-    // destroyed (not after a device failure). Progress and cancel go through
-    // `callbacks`, the call's own record (null: none).
+    // read as the seeding mask. process() reads h_heights, and h_flow
+    // receives the map at its end (not after a device failure). Progress and
+    // cancel go through `callbacks`, the call's own record (null: none).
     Flow(halden::compute::queue& q, const Parameters& parameters, std::uint64_t no_mask, const float* h_heights,
          float* h_flow, const halden_callbacks* callbacks = nullptr);
     ~Flow();
@@ -77,12 +86,13 @@ public:
     void fill_pits(grid& heights, grid& scratch);
 
     // Runs `count` particles from index `offset`, each for up to max_steps - 1
-    // visits, on the heights; visits are counted into `visits`.
+    // visits, on the heights; visits are counted into `visits`. process()
+    // runs the same traces, counting in integers.
     void flow(const halden::compute::usm_ptr<vec2, 1>& particles, unsigned offset, unsigned count, unsigned max_steps,
               unsigned unused, const grid& heights, grid& visits, const halden::compute::usm_ptr<vec2, 1>& directions);
 
-    // Counts every particle visit into a total (a synchronisation per batch);
-    // for tests and benchmarks.
+    // Counts every particle visit into a total, in process() and in flow()
+    // (a synchronisation per call); for tests and benchmarks.
     void count_steps() { m_count_steps = true; }
     std::uint64_t steps() const { return m_steps; }
     // The filled heights the particles ran on (after process()).
@@ -92,6 +102,8 @@ private:
     // False when the caller cancelled during the filling.
     bool fill_pyramid();
     bool report_progress();
+    // The host's lane groups claim traces through this counter.
+    std::int32_t* claimed_counter();
 
     halden::compute::queue& m_queue;
     Parameters m_parameters;
@@ -99,12 +111,15 @@ private:
     bool m_masked;
     const float* m_mask;
     float* m_mask_or_map;
-    halden::core::grid_buffer m_input;
-    grid m_working, m_visits, m_intensity, m_result;
+    const float* m_heights_in;
+    grid m_working;
+    halden::compute::usm_ptr<std::int32_t, 2> m_visits;
+    grid m_intensity, m_result;
     double m_done = 0, m_total = 0, m_step = 1.0 / 64.0, m_next = 0;
     bool m_count_steps = false;
     std::uint64_t m_steps = 0;
     halden::compute::usm_ptr<std::uint32_t, 1> m_particle_steps;
+    halden::compute::usm_ptr<std::int32_t, 1> m_claimed;
 };
 
 }  // namespace flow

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The flow module's pyramid level: heights, detail and the marks of the cells
-// that pit filling raised (or found exactly at their target).
+// The flow module's pyramid level: heights and detail.
 #pragma once
 
 #include "core/laplacian.hpp"
@@ -13,13 +12,9 @@ using halden::core::grid;
 class LaplacianLevel : public halden::core::laplacian_level<LaplacianLevel> {
 public:
     LaplacianLevel(halden::compute::queue& q, grid heights, int depth)
-        : laplacian_level(q, std::move(heights), depth) {
-        clear_marks();
-    }
+        : laplacian_level(q, std::move(heights), depth) {}
     LaplacianLevel(halden::compute::queue& q, grid heights, LaplacianLevel& finer)
-        : laplacian_level(q, std::move(heights), finer.depth() - 1) {
-        clear_marks();
-    }
+        : laplacian_level(q, std::move(heights), finer.depth() - 1) {}
 
     LaplacianLevel& create_subsequent_level(Parameters&) { return laplacian_level::create_subsequent_level(); }
 
@@ -38,15 +33,6 @@ public:
         });
         m_detail.reset();
     }
-
-    grid& marks() { return m_marks; }
-
-private:
-    void clear_marks() {
-        m_marks = grid(queue(), m_heights.extent(), "pit marks");
-        halden::core::fill(m_marks, 0.0f);
-    }
-    grid m_marks;
 };
 
 }  // namespace flow
