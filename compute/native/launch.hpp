@@ -15,8 +15,11 @@
 
 #include "compute/types.hpp"
 
-#if defined(__x86_64__) && defined(__GNUC__)
-#  define HALDEN_VECTOR_ISA __attribute__((target("avx2,fma,bmi,bmi2,lzcnt,movbe,f16c,popcnt")))
+// nvcc wraps each kernel lambda in a type-erased caller, which crashed (a
+// call through a null pointer) inside the wide clone: translation units that
+// nvcc compiles keep the baseline loops alone.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDACC__)
+#  define HALDEN_VECTOR_ISA __attribute__((target("avx2,fma,bmi,bmi2,lzcnt,movbe,f16c,popcnt"), flatten))
 #else
 #  define HALDEN_VECTOR_ISA
 #endif
@@ -79,19 +82,19 @@ template <class T, class... Phases>
 
 // The same loops, compiled for the wider set.
 template <class F>
-HALDEN_VECTOR_ISA [[gnu::flatten]] void row_v3(F& body, std::int64_t r, std::int64_t cols) {
+HALDEN_VECTOR_ISA void row_v3(F& body, std::int64_t r, std::int64_t cols) {
     row(body, r, cols);
 }
 template <class F>
-HALDEN_VECTOR_ISA [[gnu::flatten]] void items_v3(F& body, std::int64_t begin, std::int64_t end) {
+HALDEN_VECTOR_ISA void items_v3(F& body, std::int64_t begin, std::int64_t end) {
     items(body, begin, end);
 }
 template <class F>
-HALDEN_VECTOR_ISA [[gnu::flatten]] void cells_v3(F& body, std::int64_t begin, std::int64_t end, std::int64_t cols) {
+HALDEN_VECTOR_ISA void cells_v3(F& body, std::int64_t begin, std::int64_t end, std::int64_t cols) {
     cells(body, begin, end, cols);
 }
 template <class T, class... Phases>
-HALDEN_VECTOR_ISA [[gnu::flatten]] void group_v3(group_item it, T* local, Phases&... phases) {
+HALDEN_VECTOR_ISA void group_v3(group_item it, T* local, Phases&... phases) {
     group(it, local, phases...);
 }
 
