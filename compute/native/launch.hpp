@@ -128,7 +128,7 @@ void launch(range<2> r, F& body) {
     const team t;
     // A small grid (a pyramid's coarse levels) costs less than waking the
     // workers: the calling thread runs it alone.
-    const bool parallel = rows * cols >= 16384;
+    [[maybe_unused]] const bool parallel = rows * cols >= 16384;  // read by the pragmas alone
     // Whole rows per thread keep the loop over columns plain, so that the
     // compiler can vectorise it; a launch of few rows shares out its cells.
     // Work items never depend on one another, which lets the compiler skip
