@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "core/grid.hpp"
 #include "core/math.hpp"
@@ -57,6 +58,14 @@ public:
         return *m_coarser;
     }
 
+    // This level and every coarser one down to depth 0, built in turn: the
+    // finest first, the coarsest last.
+    std::vector<Level*> build_chain() {
+        std::vector<Level*> chain{static_cast<Level*>(this)};
+        for (int i = 0; i < m_depth; ++i) chain.push_back(&chain.back()->create_subsequent_level());
+        return chain;
+    }
+
     compute::queue& queue() const { return *m_queue; }
     grid& heights() { return m_heights; }
     const grid& heights() const { return m_heights; }
@@ -80,5 +89,13 @@ protected:
     int m_depth;
     std::unique_ptr<Level> m_coarser;
 };
+
+// The cells of all the levels of a chain: a pyramid's work per iteration.
+template <class Level>
+double cells_of(const std::vector<Level*>& chain) {
+    double cells = 0.0;
+    for (const Level* level : chain) cells += double(level->width()) * double(level->height());
+    return cells;
+}
 
 }  // namespace halden::core

@@ -529,11 +529,8 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
 
 bool ParallelErosion::process() {
     const Parameters& p = m_parameters;
-    std::vector<LaplacianLevel*> chain{m_finest.get()};
-    for (int i = 0; i < m_finest->depth(); ++i) chain.push_back(&chain.back()->create_subsequent_level());
-    m_total = 0.0;
-    for (const LaplacianLevel* level : chain) m_total += double(level->width()) * double(level->height());
-    m_total = m_total * double(p.rounds > 0 ? p.rounds : 1);
+    const std::vector<LaplacianLevel*> chain = m_finest->build_chain();
+    m_total = halden::core::cells_of(chain) * double(p.rounds > 0 ? p.rounds : 1);
     m_done = 0.0;
     const float detail = p.detail_scale / p.height_scale;
     const bool coupled = p.flow_coupling != 0;

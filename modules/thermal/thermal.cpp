@@ -279,11 +279,8 @@ bool Thermal::weather(LaplacianLevel& level) {
 
 bool Thermal::process() {
     const Parameters& p = m_parameters;
-    std::vector<LaplacianLevel*> chain{m_finest.get()};
-    for (int i = 0; i < m_finest->depth(); ++i) chain.push_back(&chain.back()->create_subsequent_level());
-    m_total = 0.0;
-    for (const LaplacianLevel* level : chain) m_total += double(level->width()) * double(level->height());
-    m_total = m_total * double(p.iterations > 0 ? p.iterations : 1);
+    const std::vector<LaplacianLevel*> chain = m_finest->build_chain();
+    m_total = halden::core::cells_of(chain) * double(p.iterations > 0 ? p.iterations : 1);
     m_done = 0.0;
     // p of the reconstruction is the burial scale in height units.
     const float burial = p.burial_scale / p.height_scale;

@@ -146,9 +146,8 @@ void ThermalShaper::process() {
     }
     m_amount = amount;
 
-    std::vector<LaplacianLevel*> chain{m_finest.get()};
     // The finest level's depth is the level count less one.
-    for (int i = 0; i < m_finest->depth(); ++i) chain.push_back(&chain.back()->create_subsequent_level());
+    const std::vector<LaplacianLevel*> chain = m_finest->build_chain();
     m_level_weight = plan::level_weight(int(chain.size()), amount, m_level_weight);
 
     const auto shape = [&](LaplacianLevel& level) {
