@@ -37,4 +37,27 @@ HALDEN_HD inline float uniform_f(std::uint32_t s) { return float(s >> 8) * 0x1p-
 // ((s * 0x2545F381 - 1) mod 2^32) * 2^-32, exact in double.
 inline double uniform(std::uint32_t s) { return double(std::uint32_t(s * 0x2545F381u - 1u)) * 0x1p-32; }
 
+// pcg3d (Jarzynski and Olano 2020): three 32-bit words hashed together in
+// two rounds of multiply-add mixing, for hashes over 2-D and 3-D lattices
+// (a feature point per lattice cell, a gradient per lattice corner).
+struct hash3 {
+    std::uint32_t x, y, z;
+};
+
+HALDEN_HD inline hash3 pcg3d(hash3 v) {
+    v.x = v.x * 1664525u + 1013904223u;
+    v.y = v.y * 1664525u + 1013904223u;
+    v.z = v.z * 1664525u + 1013904223u;
+    v.x += v.y * v.z;
+    v.y += v.z * v.x;
+    v.z += v.x * v.y;
+    v.x ^= v.x >> 16;
+    v.y ^= v.y >> 16;
+    v.z ^= v.z >> 16;
+    v.x += v.y * v.z;
+    v.y += v.z * v.x;
+    v.z += v.x * v.y;
+    return v;
+}
+
 }  // namespace halden
