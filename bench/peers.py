@@ -115,7 +115,7 @@ def main() -> None:
          lambda h: cv2.blur(cv2.blur(h, (25, 25), borderType=cv2.BORDER_REPLICATE), (25, 25),
                             borderType=cv2.BORDER_REPLICATE), "OpenCV blur 25x25 twice"),
         ("diffuse light only (normals + Lambert), 4096^2", large,
-         lambda h: halden.shade(q, h, shadows=False, sky_visibility=False),
+         lambda h: halden.shade(q, h, shadows=False, sky_visibility=False, colour=False),
          lambda h: peer_diffuse(h, sun), "OpenCV Scharr + NumPy Lambert"),
         ("thermal shaper, 4096^2", large, lambda h: halden.thermal_shape(q, h),
          peer_shaper_pass, "one OpenCV-composed pass of the rule"),

@@ -16,14 +16,14 @@ class Shading(NamedTuple):
     """Results of shade(), float32 grids of the heights' shape unless said otherwise.
 
     rgb:     colour, (rows, columns, 3); about 0 to 1 with the default
-             exposure
+             exposure; None with colour=False
     diffuse: cosine of the sun on each cell's slope, 0 to 1
     shadow:  share of the sun's disc not hidden by terrain, 0 to 1; None
              with shadows=False
     sky:     sky visibility, 4 x the mean cosine of the open sky directions
              (about 2 on open flat ground); None with sky_visibility=False
     """
-    rgb: npt.NDArray[np.float32]
+    rgb: npt.NDArray[np.float32] | None
     diffuse: npt.NDArray[np.float32]
     shadow: npt.NDArray[np.float32] | None
     sky: npt.NDArray[np.float32] | None
@@ -36,7 +36,7 @@ def shade(q: Queue, heights: npt.ArrayLike, sun_azimuth: float = 225.0, sun_elev
           shadow_rings: int = 1, sun_size: float = 0.53, sky_directions: int = 32, hybrid_sky: bool = False,
           shadows: bool = True, sky_visibility: bool = True, terrain_size: float | None = None,
           height_scale: float = 1.0, exposure: float = 0.6, albedo: npt.ArrayLike | None = None,
-          cancel: Callable[[], object] | None = None) -> Shading:
+          colour: bool = True, cancel: Callable[[], object] | None = None) -> Shading:
     """Lights a height grid with sun and sky.
 
     Colour = (sun colour (1, 0.95, 0.85) x diffuse x shadow + 0.4 x sky colour
@@ -66,6 +66,9 @@ def shade(q: Queue, heights: npt.ArrayLike, sun_azimuth: float = 225.0, sun_elev
                     which keeps sunlit ground below 1)
     albedo:         (rows, columns, 3) surface colour, any real dtype
                     (default None)
+    colour:         compose the colour (default True); without it only the
+                    light terms are made, which saves most of the time when
+                    only diffuse is wanted
     cancel:         callable() asked once, after the tracing and before the
                     colour is composed; a true return cancels (default None).
                     The library reports no progress for shading.
@@ -87,12 +90,12 @@ def shade(q: Queue, heights: npt.ArrayLike, sun_azimuth: float = 225.0, sun_elev
     grid = _checks.grid(heights)
     rows, columns = grid.shape
     size = columns if terrain_size is None else _checks.positive(terrain_size, "terrain_size")
-    colour = None if albedo is None else _checks.planes(albedo, "albedo", grid.shape)
+    albedo_grid = None if albedo is None else _checks.planes(albedo, "albedo", grid.shape)
     if (shadows or sky_visibility) and rows != columns:
         side = max(rows, columns)
         grid = np.pad(grid, ((0, side - rows), (0, side - columns)), mode="edge")
-        if colour is not None:
-            colour = np.pad(colour, ((0, 0), (0, side - rows), (0, side - columns)), mode="edge")
+        if albedo_grid is not None:
+            albedo_grid = np.pad(albedo_grid, ((0, 0), (0, side - rows), (0, side - columns)), mode="edge")
         size = size * side / columns  # the same cell size
     f32x3 = _native.f32 * 3
     record = _native.LightingParameters(
@@ -104,13 +107,15 @@ def shade(q: Queue, heights: npt.ArrayLike, sun_azimuth: float = 225.0, sun_elev
         sky_strength=_SKY_STRENGTH, sun_color=f32x3(*_SUN_COLOUR), sky_color=f32x3(*_SKY_COLOUR),
         exposure=exposure, sun_enabled=1, sky_enabled=1, shadows_enabled=bool(shadows),
         ao_enabled=bool(sky_visibility), ao_from_caller=0)
-    planes = np.empty((6,) + grid.shape, np.float32)  # r, g, b, diffuse, shadow, sky
-    albedo_planes = [None] * 3 if colour is None else list(colour)
+    # r, g, b, diffuse, shadow, sky; the unasked ones are never allocated
+    planes = [np.empty(grid.shape, np.float32) if wanted else None
+              for wanted in (colour, colour, colour, True, shadows, sky_visibility)]
+    albedo_planes = [None] * 3 if albedo_grid is None else list(albedo_grid)
     floats = _native.floats
-    _calls.run(_native.Shade, q, floats(grid), floats(planes[3]), floats(planes[4]) if shadows else None,
-               floats(planes[5]) if sky_visibility else None, *map(floats, planes[:3]), *map(floats, albedo_planes),
-               ctypes.byref(record), _calls.TABLE, cancel=cancel)
-    planes = planes[:, :rows, :columns]
-    return Shading(np.ascontiguousarray(np.moveaxis(planes[:3], 0, -1)), np.ascontiguousarray(planes[3]),
+    _calls.run(_native.Shade, q, floats(grid), *map(floats, planes[3:]), *map(floats, planes[:3]),
+               *map(floats, albedo_planes), ctypes.byref(record), _calls.TABLE, cancel=cancel)
+    planes = [None if p is None else p[:rows, :columns] for p in planes]
+    rgb = np.stack(planes[:3], axis=-1) if colour else None
+    return Shading(rgb, np.ascontiguousarray(planes[3]),
                    np.ascontiguousarray(planes[4]) if shadows else None,
                    np.ascontiguousarray(planes[5]) if sky_visibility else None)

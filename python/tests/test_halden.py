@@ -262,6 +262,10 @@ def test_shade_planes_and_switches(q):
     plain = halden.shade(q, h, shadows=False, sky_visibility=False)
     assert plain.shadow is None and plain.sky is None
     np.testing.assert_array_equal(plain.diffuse, lit.diffuse)
+    bare = halden.shade(q, h, colour=False)
+    assert bare.rgb is None
+    for name in ("diffuse", "shadow", "sky"):
+        np.testing.assert_array_equal(getattr(bare, name), getattr(lit, name))
     # A non-square grid is padded for tracing; the cell size, so the slopes, must not change.
     strip = h[:, :30]
     padded = halden.shade(q, strip, terrain_size=60.0, height_scale=2.0)
