@@ -10,6 +10,9 @@ void register_resampling_benchmarks();
 void register_flow_benchmarks();
 void register_shade_benchmarks();
 void register_mesh_rasterizer_benchmarks();
+void register_cellular3d_benchmarks();
+void register_stamp_instancer_benchmarks();
+void register_debris_benchmarks();
 
 int main(int argc, char** argv) {
     register_median_filter_benchmarks();
@@ -20,6 +23,9 @@ int main(int argc, char** argv) {
     register_flow_benchmarks();
     register_shade_benchmarks();
     register_mesh_rasterizer_benchmarks();
+    register_cellular3d_benchmarks();
+    register_stamp_instancer_benchmarks();
+    register_debris_benchmarks();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -142,6 +142,38 @@ results run_everything(halden_queue* q, const halden_callbacks& cb) {
     EXPECT_EQ(ParallelErosionSimulation(q, eroded.data(), nullptr, nullptr, nullptr, nullptr, nullptr, &e, &cb), 0u);
     for (const std::vector<float>* v : {&median, &blurred, &shaped, &weathered, &eroded, &r.ids})
         r.flow.insert(r.flow.end(), v->begin(), v->end());
+    std::vector<float> cracks(h.size()), smooth(h.size());
+    halden_cellular3d_parameters c{n,    n,    5.0f, 0.0f, 0.25f, 3, 1.0f, HALDEN_CELLULAR3D_EUCLIDEAN, 3.0f,
+                                   HALDEN_CELLULAR3D_F2_MINUS_F1, 0.05f, 3, 2.0f, 0.5f, 0, 1.0f, 0.0f, 0};
+    EXPECT_EQ(Cellular3D_Render(q, cracks.data(), h.data(), &c, &cb), 0u);
+    c.metric = HALDEN_CELLULAR3D_MINKOWSKI;
+    c.result = HALDEN_CELLULAR3D_SMOOTH_F1;
+    EXPECT_EQ(Cellular3D_Render(q, smooth.data(), h.data(), &c, &cb), 0u);
+    r.flow.insert(r.flow.end(), cracks.begin(), cracks.end());
+    r.flow.insert(r.flow.end(), smooth.begin(), smooth.end());
+    // Debris: synchronous sharp rocks, then asynchronous rounded ones.
+    for (int mode : {HALDEN_DEBRIS_SYNCHRONOUS, HALDEN_DEBRIS_ASYNCHRONOUS}) {
+        std::vector<float> rocky = h, laid(h.size()), rock_ids(h.size());
+        const halden_debris_parameters d{n,    n,    1.0f, 1.0f, 3,    0.5f, 0.4f, 2.0f, 2.5f, 40.0f, 32.0f,
+                                         0.3f, 4000, mode, 4,    mode, 7,    0.3f, 0.4f, 8.0f, 0.05f};
+        DebrisSimulation(q, rocky.data(), nullptr, laid.data(), rock_ids.data(), nullptr, &d);
+        for (const std::vector<float>* v : {&rocky, &laid, &rock_ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
+    }
+    // Stamps: Poisson-disk copies of two stamps, smooth max, bicubic.
+    {
+        std::vector<float> atlas(7 * 5 + 12 * 12), stamped = h, stamp_ids(h.size());
+        for (std::size_t i = 0; i < atlas.size(); ++i) atlas[i] = float((i * 7) % 11) * 0.5f;
+        const halden_stamp_entry entries[2] = {{7, 5, 0}, {12, 12, 35}};
+        const halden_stamps stamps{atlas.data(), atlas.size(), entries, 2, 0};
+        halden_stamp_parameters s{n,    n,    5,    60,   4.0f, 0.3f, 2.5f, 0.0f, 360.0f, -1.0f, 2.0f,
+                                  1,    5,    0.8f, 1.5f, 0.3f, 1,    -1e30f, 1e30f, -1e30f, 1e30f, 0};
+        s.height_mode = HALDEN_STAMP_RELATIVE, s.blend = HALDEN_STAMP_SMOOTH_MAX, s.filter = HALDEN_STAMP_BICUBIC;
+        std::uint32_t placed = 0;
+        EXPECT_EQ(StampInstancer_Populate(q, stamped.data(), &stamps, nullptr, nullptr, &placed, stamp_ids.data(), &s,
+                                          &cb),
+                  0u);
+        for (const std::vector<float>* v : {&stamped, &stamp_ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
+    }
     return r;
 }
 

@@ -80,6 +80,7 @@ for f in terrain.npy median.npy thermal.npy flow.npy eroded.npy relief.png flow.
     check "demo wrote $f" test -s "demo/$f"
 done
 check "the eroded relief differs from the relief" eval '! cmp -s demo/eroded.png demo/relief.png'
+check "demo wrote craters.png, unlike the relief" eval 'test -s demo/craters.png && ! cmp -s demo/craters.png demo/relief.png'
 if [ -n "$gdal" ] && [ -r "$sample" ]; then
     for f in dem-relief.png dem-flow.png dem-eroded.png; do check "demo wrote $f from the real model" test -s "demo/$f"; done
 else
@@ -369,6 +370,60 @@ expect 2 "rasterize with an ids grid that cannot be written" "$halden" rasterize
     --ids no-such-dir/ids.npy
 check "it creates no height grid" test ! -e fresh.npy
 
+# --- cellular ------------------------------------------------------------------------------------
+expect 0 "cellular 40x24" "$halden" cellular cells.raw --size 40 24 --frequency 5 --result f2-f1 --octaves 2
+check "cellular says what it rendered" grep -q '^cellular 40x24, f2-f1 euclidean, frequency 5, 2 octaves on ' out.txt
+check "cellular writes 40 x 24 floats" test "$(stat -c %s cells.raw)" = 3840
+# A regular lattice (jitter 0) four cells per feature: the first cell lies
+# (3/8, 3/8, 1/2) from its feature, sqrt(34)/8 away.
+expect 0 "cellular on a regular lattice" "$halden" cellular lattice.raw --size 8 8 --frequency 2 --jitter 0
+py "the lattice distances" 'import sys, math; from grid_load import load
+v = load(sys.argv[1]); sys.exit(0 if abs(v[0] - math.sqrt(34) / 8) < 1e-6 and v[0] == v[7] == v[63] else 1)' lattice.raw
+expect 0 "cellular over a height grid" "$halden" cellular follows.npy --z-grid demo/terrain.npy --z-scale 0.01 \
+    --result cell
+expect 0 "cellular with a period" "$halden" cellular tiled.raw --size 80 20 --frequency 4 --period 2
+py "a period repeats every 40 cells" 'import sys; from grid_load import load
+v = load(sys.argv[1]); sys.exit(0 if all(v[r * 80 + c] == v[r * 80 + c + 40] for r in range(20) for c in range(40)) else 1)' \
+    tiled.raw
+expect 3 "cellular with a period that makes no whole tile" "$halden" cellular out.raw --size 80 20 --frequency 3 \
+    --period 2
+check "it names the period" grep -q 'period' err.txt
+expect 1 "cellular without a size" "$halden" cellular out.raw
+expect 1 "cellular with an unknown metric" "$halden" cellular out.raw --size 4 4 --metric cosine
+expect 1 "cellular edge in the manhattan metric" "$halden" cellular out.raw --size 4 4 --result edge \
+    --metric manhattan
+expect 2 "cellular with a z grid of another shape" "$halden" cellular out.raw --size 4 4 --z-grid demo/terrain.npy
+expect 0 "cellular --help" "$halden" cellular --help
+
+# --- stamp ---------------------------------------------------------------------------------------
+# Two 2 x 2 stamps in a 3-D .npy: ones and twos.
+npy "{'descr': '<f4', 'fortran_order': False, 'shape': (2, 2, 2), }" \
+    "$(printf '\\x00\\x00\\x80\\x3f%.0s' 1 2 3 4)$(printf '\\x00\\x00\\x00\\x40%.0s' 1 2 3 4)" pair.npy
+expect 0 "stamp five copies onto a flat grid" "$halden" stamp zeros.raw pair.npy stamped.raw --count 5 --absolute \
+    --scale 1 1 --rotation 0 0 --falloff 0 --blend replace --ids stamp-ids.raw --instances stamps.json
+check "stamp says what it placed" grep -q '^stamp 64x64, 5 copies of 2 stamps (replace) on ' out.txt
+check "the instance list holds five copies" test "$(grep -c '"stamp": ' stamps.json)" = 5
+# Constant stamps copied at scale 1 cover 2 x 2 cells each, with their own height.
+py "the copies keep their heights and ids" 'import sys; from grid_load import load
+h, ids = load(sys.argv[1]), load(sys.argv[2])
+ok = all((v == 0) == (i == -1) and v in (0.0, 1.0, 2.0) and i in (-1, 0, 1, 2, 3, 4) for v, i in zip(h, ids))
+sys.exit(0 if ok and 4 <= sum(v > 0 for v in h) <= 20 else 1)' stamped.raw stamp-ids.raw
+expect 0 "stamp a grid cut into tiles, Poisson-disk spaced" "$halden" stamp demo/terrain.npy demo/terrain.npy \
+    tiled.npy --tile 16 16 --spacing 6 --count 30 --blend smooth-min --bicubic
+check "the tiles are sixteen stamps" grep -q ' of 16 stamps (smooth-min) ' out.txt
+expect 0 "stamp with limits everywhere true" "$halden" stamp demo/terrain.npy pair.npy limited.npy \
+    --slope 0 inf --elevation -inf inf --density ones.raw
+expect 1 "stamp with an unknown blend" "$halden" stamp zeros.raw pair.npy out.npy --blend screen
+expect 1 "stamp with --scale out of order" "$halden" stamp zeros.raw pair.npy out.npy --scale 2 1
+expect 1 "stamp with a zero scale" "$halden" stamp zeros.raw pair.npy out.npy --scale 0 1
+expect 2 "stamp tiles that do not divide the grid" "$halden" stamp zeros.raw demo/terrain.npy out.npy --tile 5 5
+expect 2 "stamp with a missing stamp file" "$halden" stamp zeros.raw no-such-stamps.npy out.npy
+expect 2 "stamp with a density of another shape" "$halden" stamp zeros.raw pair.npy out.npy --density half.raw
+expect 3 "stamp spaced too finely for the grid" "$halden" stamp zeros.raw pair.npy out.npy --spacing 0.001
+check "it names the spacing" grep -q 'spacing' err.txt
+check "failed stamps wrote nothing" test ! -e out.npy
+expect 0 "stamp --help" "$halden" stamp --help
+
 # --- file formats ----------------------------------------------------------------------------
 if [ -n "$gdal" ]; then
     printf 'ncols 4\nnrows 3\nxllcorner 500000\nyllcorner 4100000\ncellsize 30\nNODATA_value -9999\n' >in.asc
@@ -431,6 +486,33 @@ expect 2 "a .npy header without its closing brace" "$halden" blur open.npy open-
 expect 2 "an output without an extension" "$halden" blur demo/terrain.npy no-extension
 check "it names the file and the formats" grep -q 'no-extension: no extension .*name it \.npy, ' err.txt
 
+# --- debris ---------------------------------------------------------------------------------------
+# 20 rows of 32 cells: a plateau 40 high over the first 8 columns, then flat ground at 0.
+for row in $(seq 20); do
+    floats '\x00\x00\x20\x42' 8 plateau.part
+    floats '\x00\x00\x00\x00' 24 ground.part
+    cat plateau.part ground.part
+done >cliff.raw
+expect 0 "debris below a cliff" "$halden" debris cliff.raw rocky.raw --size 32 --debris laid.raw --ids ids.raw \
+    --mode sync --density 2 --seed 2
+check "debris says what it ran" grep -q '^debris 32x20, sync sharp rocks, source slope 40, friction angle 32 ' out.txt
+py "rocks only raise the ground, below the cliff, and the maps agree" 'import sys; from grid_load import load
+c, r, d, i = (load(p) for p in sys.argv[1:])
+ok = all(b >= a for a, b in zip(c, r)) and any(b > a for a, b in zip(c, r))
+ok = ok and all(d[k] == r[k] - c[k] and (i[k] < 0) == (r[k] == c[k]) for k in range(len(c)))
+sys.exit(0 if ok and all(r[k] == c[k] for k in range(len(c)) if k % 32 < 7) else 1)' cliff.raw rocky.raw laid.raw ids.raw
+expect 0 "debris, rounded rocks in batches" "$halden" debris cliff.raw rounded.raw --size 32 --shape rounded \
+    --mode async --batches 4 --density 2 --seed 2
+check "the rounded rocks differ" eval '! cmp -s rocky.raw rounded.raw'
+expect 1 "debris with an unknown mode" "$halden" debris cliff.raw out.raw --size 32 --mode sideways
+expect 1 "debris with an unknown shape" "$halden" debris cliff.raw out.raw --size 32 --shape cubic
+expect 3 "debris with rocks wider than 64 cells" "$halden" debris cliff.raw out.raw --size 32 --size-max 100
+check "the library names the field" grep -q 'size_max must be at most 64 cells' err.txt
+check "it writes nothing" test ! -e out.raw
+expect 2 "debris with a sources grid of another shape" "$halden" debris cliff.raw out.raw --size 32 \
+    --sources demo/terrain.npy
+expect 0 "debris --help" "$halden" debris --help
+
 # --- what every command shares ----------------------------------------------------------------
 # Every operation command takes --no-progress and prints its times under --json.
 printf 'v 0 0 2\nv 1 0 2\nv 0 1 2\nf 1 2 3\n' >tri.obj
@@ -463,16 +545,16 @@ expect 1 "no command" "$halden"
 check "the usage goes to stderr" eval 'test ! -s out.txt && grep -q "^usage: halden <command>" err.txt'
 expect 0 "--help" "$halden" --help
 check "--help lists every command" bash -c 'for c in devices median thermal-shape thermal-erode erode flow shade blur \
-    rasterize demo; do
+    rasterize cellular stamp debris demo; do
     grep -q "^  $c " out.txt || exit 1; done'
 
 # --- common failures and help ------------------------------------------------------------------
-for command in median thermal-shape thermal-erode erode flow blur; do
+for command in median thermal-shape thermal-erode erode flow blur debris; do
     expect 2 "$command of a missing file" "$halden" "$command" no-such-file.npy out.npy
     expect 3 "$command on an unknown device" "$halden" "$command" demo/terrain.npy out.npy --device no-such-device
 done
 check "failures wrote nothing" test ! -e out.npy
-for command in devices median thermal-shape thermal-erode erode flow shade blur rasterize demo; do
+for command in devices median thermal-shape thermal-erode erode flow shade blur rasterize cellular stamp debris demo; do
     expect 0 "$command --help" "$halden" "$command" --help
     check "$command --help shows its usage" grep -q "^usage: halden $command" out.txt
 done

@@ -750,6 +750,445 @@ HALDEN_API uint32_t MeshRasterizer_RenderMesh(halden_queue* queue, const halden_
 HALDEN_API uint32_t Blur(halden_queue* queue, float* grid, int32_t size, float radius,
                          const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Stamp instancing.                                                          */
+/*
+ * Stamps are small height grids (rocks, craters, mesas, dunes) kept in one
+ * float atlas; a table gives each stamp's size and where its texels start.
+ * A stamp's texels are row-major, width per row, and need not be packed.
+ */
+typedef struct halden_stamp_entry {
+    uint32_t width;  /* texels per row, 1 to 8192 */
+    uint32_t height; /* rows, 1 to 8192 */
+    uint64_t offset; /* index of the stamp's first texel in the atlas */
+} halden_stamp_entry;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_stamp_entry) == 16, "stamp entry is 16 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_entry, offset) == 8, "offset at 8");
+
+/*
+ * atlas       every stamp's texels (finite values), read only
+ * atlas_size  floats in the atlas: every stamp must lie inside it
+ * entries     one entry per stamp
+ * count       stamps, 1 to 65536
+ * reserved    carried, not read
+ */
+typedef struct halden_stamps {
+    const float* atlas;
+    uint64_t atlas_size;
+    const halden_stamp_entry* entries;
+    uint32_t count;
+    uint32_t reserved;
+} halden_stamps;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_stamps) == 32, "stamps record is 32 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamps, atlas_size) == 8, "atlas_size at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamps, entries) == 16, "entries at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamps, count) == 24, "count at 24");
+
+/*
+ * One placed copy of a stamp.
+ *
+ * x, y          centre, in cells along the columns and down the rows; cell
+ *               (row r, column c) has its centre at (c + 0.5, r + 0.5)
+ * scale         cells per stamp texel (> 0): the copy covers width x scale
+ *               by height x scale cells
+ * rotation      degrees (finite), turning the stamp clockwise as seen with
+ *               the grid's first row at the top
+ * cos_rotation, sin_rotation
+ *               the rotation's cosine and sine, written by the placement so
+ *               that an application can draw the footprint; for instances
+ *               the caller passes in they are worked out again from
+ *               `rotation` and the caller's values are not read
+ * height        factor of the stamp's texels (finite; negative turns a
+ *               mound into a pit)
+ * stamp         index into the stamp table
+ */
+typedef struct halden_stamp_instance {
+    float x;
+    float y;
+    float scale;
+    float rotation;
+    float cos_rotation;
+    float sin_rotation;
+    float height;
+    uint32_t stamp;
+} halden_stamp_instance;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_stamp_instance) == 32, "stamp instance is 32 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_instance, rotation) == 12, "rotation at 12");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_instance, height) == 24, "height at 24");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_instance, stamp) == 28, "stamp at 28");
+
+/* height_mode: where a stamp's heights are measured from. */
+#define HALDEN_STAMP_ABSOLUTE 0 /* from 0 */
+#define HALDEN_STAMP_RELATIVE 1 /* from the terrain's height in the cell under the centre */
+
+/* blend: how a copy's height p (height x texel, plus the base of height_mode)
+ * meets the terrain's t, with weight a = opacity x edge falloff. */
+#define HALDEN_STAMP_REPLACE 0    /* t + a (p - t), exactly p where a is 1 */
+#define HALDEN_STAMP_ADD 1        /* t + a height texel (no base) */
+#define HALDEN_STAMP_SUBTRACT 2   /* t - a height texel (no base) */
+#define HALDEN_STAMP_MAX 3        /* towards max(t, p) by a */
+#define HALDEN_STAMP_MIN 4        /* towards min(t, p) by a */
+#define HALDEN_STAMP_SMOOTH_MAX 5 /* towards a max rounded over `smoothness` */
+#define HALDEN_STAMP_SMOOTH_MIN 6 /* towards a min rounded over `smoothness` */
+#define HALDEN_STAMP_MULTIPLY 7   /* t x (1 + a (height texel - 1)) (no base) */
+
+/* filter: how a stamp is sampled between its texels. */
+#define HALDEN_STAMP_BILINEAR 0
+#define HALDEN_STAMP_BICUBIC 1 /* Catmull-Rom: sharper, may overshoot the texels' range */
+
+/*
+ * width, height   grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * seed            seed of every random choice of the placement
+ * count           instances to place, 1 to 2^24; also the capacity of the
+ *                 caller's instance array
+ * spacing         0: centres drawn uniformly over the grid, up to 64 x count
+ *                 candidates; > 0: a Poisson disk (Bridson's method) over
+ *                 the whole grid, points at least this many cells apart,
+ *                 taken in a seeded random order until `count` are placed.
+ *                 The disk's lookup grid (cells of spacing / sqrt 2) may
+ *                 have at most 2^24 cells; its cost grows with the grid's
+ *                 area over the spacing squared.
+ * scale_min, scale_max        range of the scale (cells per texel, > 0)
+ * rotation_min, rotation_max  range of the rotation in degrees
+ * height_min, height_max      range of the height factor
+ * height_mode     HALDEN_STAMP_ABSOLUTE or HALDEN_STAMP_RELATIVE
+ * blend           one of HALDEN_STAMP_REPLACE ... HALDEN_STAMP_MULTIPLY
+ * opacity         0 to 1: weight of every copy
+ * smoothness      width in height units of the smooth max and min's rounding
+ *                 (> 0 for those blends; read by no other)
+ * falloff         0 to 1: share of the way from a stamp's edge to its centre
+ *                 over which its weight rises from 0 (smoothly) to 1;
+ *                 0 gives hard edges
+ * filter          HALDEN_STAMP_BILINEAR or HALDEN_STAMP_BICUBIC
+ * slope_min, slope_max          placement only where the terrain's slope
+ *                 under the centre (height units per cell, central
+ *                 differences) lies in this range; infinities allowed
+ * elevation_min, elevation_max  likewise for the terrain's height there
+ * reserved        carried, not read
+ *
+ * The placement fields (seed to height_max, slope and elevation limits) are
+ * read only when the call places instances. Each range needs min <= max; a
+ * range's value is min + u (max - min) for a uniform u in [0, 1).
+ *
+ * Defaults worth starting from: count 100, spacing 0, scale 0.5 to 2,
+ * rotation 0 to 360, height 1 to 1, relative heights, blend max, opacity 1,
+ * smoothness 1, falloff 0.25, bilinear, no slope or elevation limits
+ * (-INFINITY to INFINITY).
+ */
+typedef struct halden_stamp_parameters {
+    int32_t width;
+    int32_t height;
+    uint32_t seed;
+    uint32_t count;
+    float spacing;
+    float scale_min;
+    float scale_max;
+    float rotation_min;
+    float rotation_max;
+    float height_min;
+    float height_max;
+    int32_t height_mode;
+    int32_t blend;
+    float opacity;
+    float smoothness;
+    float falloff;
+    int32_t filter;
+    float slope_min;
+    float slope_max;
+    float elevation_min;
+    float elevation_max;
+    uint32_t reserved;
+} halden_stamp_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_stamp_parameters) == 88, "stamp record is 88 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_parameters, spacing) == 16, "spacing at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_parameters, height_mode) == 44, "height_mode at 44");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_parameters, opacity) == 52, "opacity at 52");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_parameters, filter) == 64, "filter at 64");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_parameters, slope_min) == 68, "slope_min at 68");
+HALDEN_STATIC_ASSERT(offsetof(halden_stamp_parameters, elevation_max) == 80, "elevation_max at 80");
+
+/*
+ * Blends copies of the stamps into the width x height row-major grid
+ * `heights`, in place, in instance order: every cell takes the copies that
+ * cover its centre one after another. A copy is sampled from the level of
+ * its stamp's mip pyramid (magic-kernel halvings) whose texels come closest
+ * to a cell without being larger, so small copies of large stamps do not
+ * alias.
+ *
+ * Instances: when `instance_count` is not null and *instance_count is not
+ * zero, the first *instance_count records of `instances` (at most 2^24) are
+ * the copies, used as given; the caller's records are not written. Otherwise
+ * the library places parameters->count copies from the seed, on the host,
+ * the same on every device: candidate centres (uniform, or Poisson-disk with
+ * `spacing`) are kept with the probability of `density` (optional, 0 to 1
+ * per cell, of the heights' size; the cell under the centre counts) where
+ * the slope and elevation limits allow; then each copy draws its stamp,
+ * scale, rotation and height. When `instances` is
+ * not null it must hold parameters->count records: the placed copies are
+ * written there in order, so that an application can show them, edit them
+ * and pass them back; their number goes to *instance_count (when not null).
+ *
+ * `instance_ids` (optional, out, width x height floats) receives for each
+ * cell the index of the last copy that blended into it (for max and min:
+ * the last whose height was taken), or -1 where none did.
+ *
+ * Needs about 8 bytes per cell, 6 per atlas texel and 112 per copy of
+ * device memory. Returns 0 when done; 2 when the device lacks the memory; 3
+ * for null arguments, an invalid record, stamp table or instance (the error
+ * text names the field), or a device error. Nothing is written to the
+ * caller's arrays unless the call returns 0.
+ *
+ *   uint32_t n = 0;
+ *   StampInstancer_Populate(q, heights, &stamps, NULL, placed, &n, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t StampInstancer_Populate(halden_queue* queue, float* heights, const halden_stamps* stamps,
+                                            const float* density, halden_stamp_instance* instances,
+                                            uint32_t* instance_count, float* instance_ids,
+                                            const halden_stamp_parameters* parameters,
+                                            const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Debris simulation.                                                         */
+/*
+ * Rocks break off slopes steeper than the source slope, fall, bounce and
+ * roll down the terrain, and come to rest as scree and boulders, which are
+ * rendered into the heights.
+ *
+ * width, height   grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * cell_size       world width of one cell, > 0
+ * height_scale    world height of one height unit, > 0
+ * seed            seed of every random choice
+ * density         expected rocks per source cell of full weight, 0 to 16
+ * size_min        smallest rock radius, world units, > 0
+ * size_max        largest rock radius, world units, >= size_min and at most
+ *                 64 cells
+ * size_exponent   radii follow a power law of density r^-size_exponent
+ *                 between the two, 0 (uniform) to 8: larger values give more
+ *                 small rocks (scree) and few boulders
+ * source_slope    degrees, above 0 and below 90: steeper cells shed rocks
+ * friction_angle  degrees, above 0 and below 90: rolling friction is its
+ *                 tangent, and rocks rest only on gentler slopes, so runouts
+ *                 end about where a line at this angle below the source meets
+ *                 the ground
+ * restitution     0 to below 1: share of the normal speed kept in a bounce
+ * max_steps       time steps a rock may take, 1 to 100000 (a step is a fifth
+ *                 of sqrt(cell_size / 9.81) seconds); a rock still moving
+ *                 then stays where it is
+ * mode            HALDEN_DEBRIS_SYNCHRONOUS: every rock runs on the input
+ *                 terrain, independently; HALDEN_DEBRIS_ASYNCHRONOUS: the
+ *                 rocks run in `batches`, each rendered before the next runs,
+ *                 so that later rocks pile up on earlier ones into cones
+ * batches         1 to 1024 (asynchronous mode; rock k is in batch k mod
+ *                 batches)
+ * shape           HALDEN_DEBRIS_SHARP: faceted, the lowest of `facets`
+ *                 random planes; HALDEN_DEBRIS_ROUNDED: superellipsoid caps
+ * facets          planes of a sharp rock, 4 to 32
+ * roundness       0 to 1: rounded rocks go from boxy (0) to ellipsoidal (1)
+ * embedding       0 to below 1: share of a rock's height below the ground
+ *                 (0.5 sits its widest outline on the ground; less perches
+ *                 it, with steep sides)
+ * warp_amplitude  cells the warp noise's domain is displaced by, 0 to 10000
+ * warp_frequency  features of the warp noise per cell, above 0 and at most 1
+ *
+ * Defaults worth starting from: density 0.5, size_min 0.5 x cell_size,
+ * size_max 3 x cell_size, size_exponent 2.5, source_slope 40,
+ * friction_angle 32, restitution 0.3, max_steps 4000, asynchronous with 8
+ * batches, sharp with 7 facets, roundness 0.5, embedding 0.4,
+ * warp_amplitude 8, warp_frequency 0.02, seed 1.
+ */
+typedef enum halden_debris_mode {
+    HALDEN_DEBRIS_SYNCHRONOUS = 0,
+    HALDEN_DEBRIS_ASYNCHRONOUS = 1
+} halden_debris_mode;
+
+typedef enum halden_debris_shape {
+    HALDEN_DEBRIS_SHARP = 0,
+    HALDEN_DEBRIS_ROUNDED = 1
+} halden_debris_shape;
+
+typedef struct halden_debris_parameters {
+    int32_t width;
+    int32_t height;
+    float cell_size;
+    float height_scale;
+    uint32_t seed;
+    float density;
+    float size_min;
+    float size_max;
+    float size_exponent;
+    float source_slope;
+    float friction_angle;
+    float restitution;
+    int32_t max_steps;
+    int32_t mode;
+    int32_t batches;
+    int32_t shape;
+    int32_t facets;
+    float roundness;
+    float embedding;
+    float warp_amplitude;
+    float warp_frequency;
+} halden_debris_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_debris_parameters) == 84, "debris record is 84 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_debris_parameters, seed) == 16, "seed at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_debris_parameters, size_exponent) == 32, "size_exponent at 32");
+HALDEN_STATIC_ASSERT(offsetof(halden_debris_parameters, max_steps) == 48, "max_steps at 48");
+HALDEN_STATIC_ASSERT(offsetof(halden_debris_parameters, facets) == 64, "facets at 64");
+HALDEN_STATIC_ASSERT(offsetof(halden_debris_parameters, warp_frequency) == 80, "warp_frequency at 80");
+
+/*
+ * Runs the debris over the width x height row-major grid `heights` and
+ * writes the terrain with the rocks laid on it back into it: no cell ends
+ * lower than it was. The result has the same bits on every device and thread
+ * count, whatever order the rocks run in.
+ *
+ * `sources` (optional, 0 to 1): weight of each cell as a source (times the
+ * warp's modulation); without it every steep cell is a full source.
+ * `debris` (optional, out): thickness of rock laid on each cell, in height
+ * units. `rock_ids` (optional, out): the id of the rock that tops each cell,
+ * as a float, or -1 where none does; ids number the rocks in row order of
+ * their source cells, at most 2^24 rocks (later ones are dropped).
+ * `warp` (optional, -1 to 1, clamped): a modulation field used instead of
+ * the built-in warp noise; a source's weight is scaled by
+ * clamp(1 + 2 warp, 0, 1), so none breaks off at -0.5 and below, and a rock's
+ * outline over a cell is stretched by 1 / (1 - 0.3 warp), from 0.77 at -1 to
+ * 1.43 at 1. A grid of zeros gives unmodulated sources and outlines.
+ *
+ * Always returns 0. Errors (null queue, heights or record, an invalid
+ * record, a device failure) are reported through the error slot of the
+ * process-wide table, naming the field, and the grids are then left as they
+ * were.
+ *
+ *   halden_debris_parameters p = {1024, 1024, 1.0f, 1.0f, 1, 0.5f, 0.5f, 3.0f, 2.5f, 40.0f, 32.0f,
+ *                                 0.3f, 4000, HALDEN_DEBRIS_ASYNCHRONOUS, 8, HALDEN_DEBRIS_SHARP, 7,
+ *                                 0.5f, 0.4f, 8.0f, 0.02f};
+ *   DebrisSimulation(q, heights, NULL, NULL, NULL, NULL, &p);
+ */
+HALDEN_API uint32_t DebrisSimulation(halden_queue* queue, float* heights, const float* sources, float* debris,
+                                     float* rock_ids, const float* warp,
+                                     const halden_debris_parameters* parameters) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* 3-D cellular noise.                                                        */
+/*
+ * Feature points scattered one per cell of a 3-D lattice, and per grid cell
+ * a function of the distances to the nearest of them, sampled on a slice of
+ * that space: x along the columns, y along the rows and z either one
+ * constant or a per-cell grid (the heights, so that the cells follow the
+ * terrain). Distances are in lattice units: neighbouring features lie about
+ * one apart.
+ */
+typedef enum halden_cellular3d_metric {
+    HALDEN_CELLULAR3D_EUCLIDEAN = 0,
+    HALDEN_CELLULAR3D_SQUARED = 1,   /* squared Euclidean */
+    HALDEN_CELLULAR3D_MANHATTAN = 2, /* |dx| + |dy| + |dz| */
+    HALDEN_CELLULAR3D_CHEBYSHEV = 3, /* max(|dx|, |dy|, |dz|) */
+    HALDEN_CELLULAR3D_MINKOWSKI = 4  /* (|dx|^e + |dy|^e + |dz|^e)^(1/e) */
+} halden_cellular3d_metric;
+
+typedef enum halden_cellular3d_result {
+    HALDEN_CELLULAR3D_F1 = 0,           /* distance to the nearest feature */
+    HALDEN_CELLULAR3D_F2 = 1,           /* distance to the second nearest */
+    HALDEN_CELLULAR3D_F2_MINUS_F1 = 2,  /* cracks: 0 on the cells' borders */
+    HALDEN_CELLULAR3D_F1_TIMES_F2 = 3,
+    HALDEN_CELLULAR3D_CELL_VALUE = 4,   /* a value in [0, 1) fixed per feature: flat cells */
+    HALDEN_CELLULAR3D_EDGE = 5,         /* Euclidean distance to the nearest cell border */
+    HALDEN_CELLULAR3D_SMOOTH_F1 = 6     /* F1 with rounded creases (see smoothness) */
+} halden_cellular3d_result;
+
+/*
+ * width, height  grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * frequency      features across the grid's width in the first octave, > 0
+ * z              third coordinate of every cell, in grid cells, when no z
+ *                grid is given
+ * z_scale        grid cells per unit of z (of the record's and of the grid's),
+ *                finite: 0 gives one flat slice
+ * seed           seed of the feature points; each octave takes its own stream
+ * jitter         0 to 1: how far the features stray from their lattice
+ *                cells' centres (0: a regular lattice, 1: anywhere in the cell)
+ * metric         a halden_cellular3d_metric
+ * exponent       Minkowski exponent, 1 to 64 (only read for that metric)
+ * result         a halden_cellular3d_result; EDGE takes the Euclidean metric
+ * smoothness     SMOOTH_F1's rounding width in lattice units, 1e-6 to 0.125
+ *                (only read for that result): F1 - s log2(sum of
+ *                2^-((d - F1) / s)) over the features
+ * octaves        1 to 16: octave k has frequency x lacunarity^k and
+ *                amplitude gain^k, and the octaves are summed
+ * lacunarity     above 0 and at most 16; a whole number with a period
+ * gain           -16 to 16
+ * period         0, or the tiling period in features along x and y (1 to
+ *                2^24): the lattice wraps, so the result repeats every
+ *                period x width / frequency cells, which must be a whole
+ *                number; z does not tile
+ * scale, offset  the result is octave sum x scale + offset (finite)
+ * reserved       carried, not read
+ *
+ * frequency x lacunarity^(octaves - 1), and the period times it, may not
+ * pass 2^24, nor may |z x z_scale| in lattice units pass 2^30.
+ *
+ * Defaults worth starting from: frequency 16, z 0, z_scale 1, seed 1,
+ * jitter 1, Euclidean, F1, exponent 3, smoothness 0.05, octaves 1,
+ * lacunarity 2, gain 0.5, period 0, scale 1, offset 0.
+ */
+typedef struct halden_cellular3d_parameters {
+    int32_t width;
+    int32_t height;
+    float frequency;
+    float z;
+    float z_scale;
+    uint32_t seed;
+    float jitter;
+    int32_t metric;
+    float exponent;
+    int32_t result;
+    float smoothness;
+    int32_t octaves;
+    float lacunarity;
+    float gain;
+    int32_t period;
+    float scale;
+    float offset;
+    uint32_t reserved;
+} halden_cellular3d_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_cellular3d_parameters) == 72, "cellular noise record is 72 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, frequency) == 8, "frequency at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, seed) == 20, "seed at 20");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, metric) == 28, "metric at 28");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, result) == 36, "result at 36");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, octaves) == 44, "octaves at 44");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, period) == 56, "period at 56");
+HALDEN_STATIC_ASSERT(offsetof(halden_cellular3d_parameters, reserved) == 68, "reserved at 68");
+
+/*
+ * Writes the noise of the width x height grid into `out` (width x height
+ * floats, row-major). `z` (optional, same size, only read) gives each cell's
+ * third coordinate; without it every cell takes the record's z. Every result
+ * is exact whatever the jitter (the search widens past the 3 x 3 x 3
+ * neighbourhood wherever a farther feature could be nearer), except
+ * SMOOTH_F1, which leaves out features more than four lattice cells away.
+ * The same record gives the same bits on every device. Needs 4 bytes per
+ * cell of device memory (8 with a z grid).
+ *
+ * Progress goes to slot 1 of `callbacks`; a nonzero return from slot 1 or
+ * slot 7 cancels and leaves `out` unchanged. Returns 0 when done; 2 when the
+ * device lacks the memory; 3 for a null queue, out or record, an invalid
+ * record or z grid (non-finite or too large values; the error text names
+ * the field), a cancel or a device error; `out` is then left as it was.
+ *
+ *   halden_cellular3d_parameters p = {1024, 1024, 16.0f, 0.0f, 1.0f, 1, 1.0f, HALDEN_CELLULAR3D_EUCLIDEAN, 3.0f,
+ *                                     HALDEN_CELLULAR3D_F1, 0.05f, 1, 2.0f, 0.5f, 0, 1.0f, 0.0f, 0};
+ *   uint32_t status = Cellular3D_Render(q, out, heights, &p, &callbacks);
+ */
+HALDEN_API uint32_t Cellular3D_Render(halden_queue* queue, float* out, const float* z,
+                                      const halden_cellular3d_parameters* parameters,
+                                      const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -787,6 +1226,23 @@ namespace mesh_rasterizer {
 using Parameters = ::halden_mesh_rasterizer_parameters;
 using Mesh = ::halden_mesh;
 }  // namespace mesh_rasterizer
+
+namespace stamp_instancer {
+using Parameters = ::halden_stamp_parameters;
+using Stamps = ::halden_stamps;
+using Entry = ::halden_stamp_entry;
+using Instance = ::halden_stamp_instance;
+}  // namespace stamp_instancer
+
+namespace debris {
+using Parameters = ::halden_debris_parameters;
+}  // namespace debris
+
+namespace cellular3d {
+using Parameters = ::halden_cellular3d_parameters;
+using Metric = ::halden_cellular3d_metric;
+using Result = ::halden_cellular3d_result;
+}  // namespace cellular3d
 #endif
 
 #endif /* HALDEN_HALDEN_H */

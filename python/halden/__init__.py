@@ -27,17 +27,18 @@ run on the thread that made the call; one that uses or closes the queue of the
 call running it raises RuntimeError.
 
 Progress and cancel follow what the library reports for each operation:
-flow(), thermal_erode() and erode() take `progress`, a callable(percent)
-called as the run advances, or True for a text bar on stderr, and `cancel`, a
-callable polled as it runs; shade() and rasterize() take `cancel` only;
-median_filter(), blur() and thermal_shape() take neither. A true return from
-either callback stops the run with Cancelled, and the inputs stay as they
-were.
+flow(), thermal_erode(), erode() and cellular() take `progress`, a
+callable(percent) called as the run advances, or True for a text bar on
+stderr, and `cancel`, a callable polled as it runs; shade() and rasterize()
+take `cancel` only; median_filter(), blur(), thermal_shape(), stamp() and
+debris() take neither. A true return from either callback stops the run with
+Cancelled, and the inputs stay as they were.
 
 The operations live in one module per family and are all re-exported here:
 queues (Device, devices, Queue), filters (median_filter, blur), shaping
 (thermal_shape), erosion (thermal_erode, Weathering, erode, Erosion),
-flowmaps (flow), lighting (shade, Shading) and meshes (rasterize).
+flowmaps (flow), lighting (shade, Shading), meshes (rasterize), noise
+(cellular), stamping (stamp, Stamping) and rockfall (debris, Debris).
 
 The shared library is loaded from the path in the environment variable
 HALDEN_LIBRARY when that is set, else from libHalden.AdaptiveCpp.so (or
@@ -50,13 +51,17 @@ from .filters import blur, median_filter
 from .flowmaps import flow
 from .lighting import Shading, shade
 from .meshes import rasterize
+from .noise import cellular
 from .queues import Device, Queue, devices
+from .rockfall import Debris, debris
 from .shaping import thermal_shape
+from .stamping import Stamping, stamp
 
-__all__ = ["Cancelled", "Device", "Erosion", "HaldenError", "Queue", "Shading", "Weathering", "blur", "devices",
-           "erode", "flow", "median_filter", "rasterize", "shade", "thermal_erode", "thermal_shape"]
+__all__ = ["Cancelled", "Debris", "Device", "Erosion", "HaldenError", "Queue", "Shading", "Stamping", "Weathering",
+           "blur", "cellular", "debris", "devices", "erode", "flow", "median_filter", "rasterize", "shade", "stamp",
+           "thermal_erode", "thermal_shape"]
 
 # Tracebacks and reprs then name the classes where users find them.
-for _public in (Cancelled, Device, Erosion, HaldenError, Queue, Shading, Weathering):
+for _public in (Cancelled, Debris, Device, Erosion, HaldenError, Queue, Shading, Stamping, Weathering):
     _public.__module__ = __name__
 del _public

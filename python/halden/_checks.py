@@ -134,6 +134,15 @@ def between(value: object, what: str, low: float, high: float, above: bool = Fal
     return number(value, what, ok, rule)
 
 
+def choice(value: object, names: tuple[str, ...], what: str) -> int:
+    """The index of `value` among `names`, compared without case."""
+    if isinstance(value, str):
+        for i, name in enumerate(names):
+            if value.lower() == name.lower():
+                return i
+    raise ValueError(f"{what} must be one of {', '.join(names)}, got {value!r}")
+
+
 def vector(values: object, what: str) -> ctypes.Array:
     """Three finite numbers as a record's float[3]."""
     try:

@@ -129,6 +129,49 @@ class RasterizerParameters(ctypes.Structure):
                 ("padding", u8)]
 
 
+@_record("halden_cellular3d_parameters")
+class CellularParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("frequency", f32), ("z", f32), ("z_scale", f32), ("seed", u32),
+                ("jitter", f32), ("metric", i32), ("exponent", f32), ("result", i32), ("smoothness", f32),
+                ("octaves", i32), ("lacunarity", f32), ("gain", f32), ("period", i32), ("scale", f32),
+                ("offset", f32), ("reserved", u32)]
+
+
+@_record("halden_debris_parameters")
+class DebrisParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("cell_size", f32), ("height_scale", f32), ("seed", u32),
+                ("density", f32), ("size_min", f32), ("size_max", f32), ("size_exponent", f32),
+                ("source_slope", f32), ("friction_angle", f32), ("restitution", f32), ("max_steps", i32),
+                ("mode", i32), ("batches", i32), ("shape", i32), ("facets", i32), ("roundness", f32),
+                ("embedding", f32), ("warp_amplitude", f32), ("warp_frequency", f32)]
+
+
+@_record("halden_stamp_entry")
+class StampEntry(ctypes.Structure):
+    _fields_ = [("width", u32), ("height", u32), ("offset", ctypes.c_uint64)]
+
+
+@_record("halden_stamps")
+class Stamps(ctypes.Structure):
+    _fields_ = [("atlas", FLOATS), ("atlas_size", ctypes.c_uint64), ("entries", ctypes.POINTER(StampEntry)),
+                ("count", u32), ("reserved", u32)]
+
+
+@_record("halden_stamp_instance")
+class StampInstance(ctypes.Structure):
+    _fields_ = [("x", f32), ("y", f32), ("scale", f32), ("rotation", f32), ("cos_rotation", f32),
+                ("sin_rotation", f32), ("height", f32), ("stamp", u32)]
+
+
+@_record("halden_stamp_parameters")
+class StampParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("seed", u32), ("count", u32), ("spacing", f32),
+                ("scale_min", f32), ("scale_max", f32), ("rotation_min", f32), ("rotation_max", f32),
+                ("height_min", f32), ("height_max", f32), ("height_mode", i32), ("blend", i32), ("opacity", f32),
+                ("smoothness", f32), ("falloff", f32), ("filter", i32), ("slope_min", f32), ("slope_max", f32),
+                ("elevation_min", f32), ("elevation_max", f32), ("reserved", u32)]
+
+
 def floats(array: np.ndarray | None):
     """A float32 array's data as the float* the exports take; None as null."""
     return None if array is None else array.ctypes.data_as(FLOATS)
@@ -169,3 +212,10 @@ FlowSimulation = _declare("FlowSimulation", u32, QUEUE, ctypes.c_uint64, FLOATS,
 Shade = _declare("Shade", u32, QUEUE, *[FLOATS] * 10, ctypes.POINTER(LightingParameters), TABLE_P)
 MeshRasterizer_RenderMesh = _declare("MeshRasterizer_RenderMesh", u32, QUEUE, ctypes.POINTER(Mesh), FLOATS,
                                      FLOATS, ctypes.POINTER(RasterizerParameters), TABLE_P)
+Cellular3D_Render = _declare("Cellular3D_Render", u32, QUEUE, FLOATS, FLOATS, ctypes.POINTER(CellularParameters),
+                             TABLE_P)
+DebrisSimulation = _declare("DebrisSimulation", u32, QUEUE, FLOATS, FLOATS, FLOATS, FLOATS, FLOATS,
+                            ctypes.POINTER(DebrisParameters))
+StampInstancer_Populate = _declare("StampInstancer_Populate", u32, QUEUE, FLOATS, ctypes.POINTER(Stamps), FLOATS,
+                                   ctypes.POINTER(StampInstance), UINTS, FLOATS, ctypes.POINTER(StampParameters),
+                                   TABLE_P)

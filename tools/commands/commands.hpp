@@ -24,6 +24,9 @@
     X(shade, "shade", "light a height grid with sun and sky and write a PNG picture")                         \
     X(blur, "blur", "blur a square grid with an almost-Gaussian filter")                                      \
     X(rasterize, "rasterize", "render a triangle mesh (Wavefront OBJ) into a height grid")                    \
+    X(cellular, "cellular", "render 3-D cellular noise, flat or following a height grid")                     \
+    X(stamp, "stamp", "scatter copies of stamp grids (rocks, craters) over a height grid and blend them in")  \
+    X(debris, "debris", "let rocks break off steep slopes and settle as scree and boulders")                  \
     X(demo, "demo", "shape, erode, flow-map and shade a generated terrain and a real one into pictures")
 
 namespace commands {

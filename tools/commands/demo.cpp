@@ -2,6 +2,7 @@
 // halden demo: median-filters, shapes, erodes, flow-maps and shades a
 // generated terrain and a real elevation model into pictures, timing every
 // step, on one device or on all of them, compared bit for bit.
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -192,9 +193,10 @@ class DemoCommand final : public cli::Command {
         d.whole("--size", size_, 1, 32768, "N", "side of the terrain (default 1024)");
         d.text("--out", dir_, "DIR",
                "the folder for the results (default demo-output): relief.png (the shaded relief), flow.png (the "
-               "flow map over the relief), eroded.png (the relief after erosion), terrain.npy, median.npy, "
-               "thermal.npy, flow.npy and eroded.npy, and for the real model dem-relief.png, dem-flow.png and "
-               "dem-eroded.png");
+               "flow map over the relief), eroded.png (the relief after erosion), cells.png (cellular cracks "
+               "over the relief), craters.png (stamped craters), debris.png (rockfall scree), terrain.npy, "
+               "median.npy, thermal.npy, flow.npy and eroded.npy, and for the real model the same pictures "
+               "prefixed dem-");
         dem_option_ = &d.text(
             "--dem", dem_, "FILE|none",
             "the real elevation model, in any format halden reads (default: the sample of Debian's "
@@ -367,6 +369,72 @@ class DemoCommand final : public cli::Command {
         if (cli::interrupted()) return cancelled();
         if (planes.cells.empty()) return cli::kOk;
         if (const int code = picture(prefix + "relief.png", planes); code != cli::kOk) return code;
+        // Rock cells that wrap over the ground: cellular noise sliced along
+        // the heights (in cells of the map), its cracks (F2 - F1) drawn dark
+        // over the relief as PREFIXcells.png.
+        const float cells_per_metre = static_cast<float>(shaped.width) / extent;
+        const Grid cracks =
+            demo.run(prefix + "cellular noise", shaped, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                const halden_cellular3d_parameters p = {static_cast<int32_t>(g.width), static_cast<int32_t>(g.height),
+                                                        24.0f, 0.0f, cells_per_metre, 1, 1.0f,
+                                                        HALDEN_CELLULAR3D_EUCLIDEAN, 3.0f,
+                                                        HALDEN_CELLULAR3D_F2_MINUS_F1, 0.05f, 2, 2.0f, 0.5f, 0, 1.0f,
+                                                        0.0f, 0};
+                const std::vector<float> heights = g.cells;
+                return cli::timed(mcells, t, [&] {
+                    return Cellular3D_Render(q, g.cells.data(), heights.data(), &p, cli::callbacks());
+                });
+            });
+        if (cli::interrupted()) return cancelled();
+        if (!cracks.cells.empty()) {
+            Grid tinted = planes;
+            const size_t cells = cracks.cells.size();
+            for (size_t i = 0; i < tinted.cells.size(); ++i) {
+                const float shade = 0.3f + 6.0f * cracks.cells[i % cells];
+                tinted.cells[i] *= shade < 1.0f ? shade : 1.0f;
+            }
+            if (const int code = picture(prefix + "cells.png", tinted); code != cli::kOk) return code;
+        }
+        // Craters: bowls with raised rims, a generated 64 x 64 stamp, added
+        // to the shaped terrain at Poisson-disk spaced centres, from a
+        // sixtieth to an eighth of the map across, shaded as PREFIXcraters.png.
+        {
+            constexpr int side = 64;
+            std::vector<float> bowl(side * side);
+            for (int i = 0; i < side * side; ++i) {
+                const float dx = ((i % side) + 0.5f) * (2.0f / side) - 1.0f;
+                const float dy = ((i / side) + 0.5f) * (2.0f / side) - 1.0f;
+                const float r = std::sqrt(dx * dx + dy * dy), fade = 1.0f - (r - 0.75f) * 4.0f;
+                bowl[i] = r < 0.75f ? r * r * (1.3f / 0.5625f) - 1.0f : (r < 1.0f ? 0.3f * fade * fade : 0.0f);
+            }
+            const halden_stamp_entry entry = {side, side, 0};
+            const halden_stamps stamps = {bowl.data(), bowl.size(), &entry, 1, 0};
+            const float across = static_cast<float>(shaped.width) / side;
+            halden_stamp_parameters p = {};
+            p.width = static_cast<int32_t>(shaped.width), p.height = static_cast<int32_t>(shaped.height);
+            p.seed = 1, p.count = 70, p.spacing = static_cast<float>(shaped.width) / 12.0f;
+            p.scale_min = across / 60.0f, p.scale_max = across / 8.0f, p.rotation_max = 360.0f;
+            p.height_min = extent / 500.0f, p.height_max = extent / 150.0f;
+            p.height_mode = HALDEN_STAMP_RELATIVE, p.blend = HALDEN_STAMP_ADD, p.opacity = 1.0f, p.smoothness = 1.0f;
+            p.filter = HALDEN_STAMP_BILINEAR;
+            p.slope_min = p.elevation_min = -INFINITY;
+            p.slope_max = p.elevation_max = INFINITY;
+            const Grid cratered =
+                demo.run(prefix + "craters", shaped, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                    return cli::timed(mcells, t, [&] {
+                        return StampInstancer_Populate(q, g.cells.data(), &stamps, nullptr, nullptr, nullptr, nullptr,
+                                                       &p, cli::callbacks());
+                    });
+                });
+            if (cli::interrupted()) return cancelled();
+            if (!cratered.cells.empty()) {
+                const Grid cratered_planes = shading(prefix + "shading craters", cratered);
+                if (cli::interrupted()) return cancelled();
+                if (!cratered_planes.cells.empty())
+                    if (const int code = picture(prefix + "craters.png", cratered_planes); code != cli::kOk)
+                        return code;
+            }
+        }
         if (!map.cells.empty()) {
             map.width = shaped.width;
             map.height = shaped.height;
@@ -400,6 +468,28 @@ class DemoCommand final : public cli::Command {
             if (cli::interrupted()) return cancelled();
             if (!eroded_planes.cells.empty())
                 if (const int code = picture(prefix + "eroded.png", eroded_planes); code != cli::kOk) return code;
+        }
+        // Rockfall on the eroded terrain: rocks half a cell to two cells in
+        // radius break off its steepest flanks (the map is gentle, so the
+        // source slope is low) and pile up below, shaded as PREFIXdebris.png.
+        if (!eroded.cells.empty()) {
+            const Grid rocky = demo.run(prefix + "debris", eroded, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                const halden_debris_parameters p = {static_cast<int32_t>(g.width), static_cast<int32_t>(g.height),
+                                                    cell_size, 1.0f, 1, 0.5f, 0.5f * cell_size, 2.0f * cell_size,
+                                                    2.5f, 22.0f, 16.0f, 0.3f, 4000, HALDEN_DEBRIS_ASYNCHRONOUS, 8,
+                                                    HALDEN_DEBRIS_SHARP, 7, 0.5f, 0.4f, 8.0f, 0.02f};
+                return cli::timed(mcells, t, [&] {
+                    DebrisSimulation(q, g.cells.data(), nullptr, nullptr, nullptr, nullptr, &p);
+                    return HALDEN_STATUS_OK;
+                });
+            });
+            if (cli::interrupted()) return cancelled();
+            if (!rocky.cells.empty()) {
+                const Grid rocky_planes = shading(prefix + "shading debris", rocky);
+                if (cli::interrupted()) return cancelled();
+                if (!rocky_planes.cells.empty())
+                    if (const int code = picture(prefix + "debris.png", rocky_planes); code != cli::kOk) return code;
+            }
         }
         if (shaped_out) *shaped_out = std::move(shaped);
         if (flow_out) *flow_out = std::move(map);
