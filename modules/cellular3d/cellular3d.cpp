@@ -5,6 +5,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "device/messages.hpp"
@@ -33,6 +34,8 @@ halden_callbacks callbacks{};
 
 namespace {
 
+using halden::core::got;
+
 constexpr int kEuclidean = HALDEN_CELLULAR3D_EUCLIDEAN;
 constexpr int kSquared = HALDEN_CELLULAR3D_SQUARED;
 constexpr int kManhattan = HALDEN_CELLULAR3D_MANHATTAN;
@@ -57,8 +60,6 @@ constexpr int kDeviceTile = 4;
 constexpr std::int64_t kBandCells = std::int64_t(1) << 20;
 
 bool finite(float v) { return std::isfinite(v); }
-std::string got(float v) { return " (got " + std::to_string(v) + ")"; }
-std::string got(std::int64_t v) { return " (got " + std::to_string(v) + ")"; }
 
 // A feature relative to the corner of the sample's lattice cell, and the
 // value its cell gives CELL_VALUE.
@@ -384,9 +385,7 @@ double widest_step(const plan& p) {
 }  // namespace
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
+    if (std::string problem = halden::core::check_grid_size(p.width, p.height); !problem.empty()) return problem;
     if (!(p.frequency > 0.0f && finite(p.frequency))) return "frequency must be positive and finite" + got(p.frequency);
     if (!finite(p.z)) return "z must be finite" + got(p.z);
     if (!finite(p.z_scale)) return "z_scale must be finite" + got(p.z_scale);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "core/checks.hpp"
 #include "core/accumulate.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
@@ -19,10 +20,9 @@ using halden::core::clamp_index;
 
 namespace {
 
-bool positive_finite(float v) { return v > 0.0f && std::isfinite(v); }
-bool in(float v, float lo, float hi) { return v >= lo && v <= hi; }
-std::string got(float v) { return " (got " + std::to_string(v) + ")"; }
-std::string got(int v) { return " (got " + std::to_string(v) + ")"; }
+using halden::core::got;
+using halden::core::positive_finite;
+using halden::core::within;
 
 constexpr double kRadians = 3.14159265358979323846 / 180.0;
 
@@ -125,20 +125,18 @@ HALDEN_HD inline std::uint32_t cell_rocks(const float* heights, const float* sou
 }  // namespace
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
-    if (!positive_finite(p.cell_size)) return "cell_size must be positive and finite" + got(p.cell_size);
-    if (!positive_finite(p.height_scale)) return "height_scale must be positive and finite" + got(p.height_scale);
+    if (std::string problem = halden::core::check_grid_and_scales(p.width, p.height, p.cell_size, p.height_scale);
+        !problem.empty())
+        return problem;
     if (!positive_finite(p.height_scale / p.cell_size))
         return "height_scale / cell_size must be positive and finite" + got(p.height_scale / p.cell_size);
-    if (!in(p.density, 0.0f, max_density)) return "density must lie in [0, 16] rocks per cell" + got(p.density);
+    if (!within(p.density, 0.0f, max_density)) return "density must lie in [0, 16] rocks per cell" + got(p.density);
     if (!positive_finite(p.size_min)) return "size_min must be positive and finite" + got(p.size_min);
     if (!(p.size_max >= p.size_min && std::isfinite(p.size_max)))
         return "size_max must be finite and at least size_min" + got(p.size_max);
     if (!(p.size_max / p.cell_size <= max_radius_cells))
         return "size_max must be at most 64 cells" + got(p.size_max / p.cell_size);
-    if (!in(p.size_exponent, 0.0f, 8.0f)) return "size_exponent must lie in [0, 8]" + got(p.size_exponent);
+    if (!within(p.size_exponent, 0.0f, 8.0f)) return "size_exponent must lie in [0, 8]" + got(p.size_exponent);
     if (!(p.source_slope > 0.0f && p.source_slope < 90.0f))
         return "source_slope must lie above 0 and below 90 degrees" + got(p.source_slope);
     if (!(p.friction_angle > 0.0f && p.friction_angle < 90.0f))
@@ -151,9 +149,9 @@ std::string check(const Parameters& p) {
     if (p.shape != HALDEN_DEBRIS_SHARP && p.shape != HALDEN_DEBRIS_ROUNDED)
         return "shape must be 0 (sharp) or 1 (rounded)" + got(p.shape);
     if (p.facets < min_facets || p.facets > max_facets) return "facets must lie in [4, 32]" + got(p.facets);
-    if (!in(p.roundness, 0.0f, 1.0f)) return "roundness must lie in [0, 1]" + got(p.roundness);
+    if (!within(p.roundness, 0.0f, 1.0f)) return "roundness must lie in [0, 1]" + got(p.roundness);
     if (!(p.embedding >= 0.0f && p.embedding < 1.0f)) return "embedding must lie in [0, 1)" + got(p.embedding);
-    if (!in(p.warp_amplitude, 0.0f, 10000.0f))
+    if (!within(p.warp_amplitude, 0.0f, 10000.0f))
         return "warp_amplitude must lie in [0, 10000] cells" + got(p.warp_amplitude);
     if (!(p.warp_frequency > 0.0f && p.warp_frequency <= 1.0f))
         return "warp_frequency must lie above 0 and at most 1 per cell" + got(p.warp_frequency);

@@ -6,6 +6,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "core/checks.hpp"
 #include "core/bits.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
@@ -28,9 +29,7 @@ float long_limit(const Parameters& p) { return float(p.width) * p.length + 2.0f;
 }  // namespace
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
+    if (std::string problem = halden::core::check_grid_size(p.width, p.height); !problem.empty()) return problem;
     if (!(p.length >= 0.0f) || !std::isfinite(p.length)) return "length must be finite and at least 0";
     if (!(long_limit(p) <= max_long_steps)) return "length is too large: a trace may take at most 2^24 steps";
     if (!std::isfinite(p.accumulation)) return "accumulation must be finite";

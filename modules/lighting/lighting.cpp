@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "core/resampling.hpp"
@@ -33,9 +34,7 @@ switches::switches(const Parameters& p)
       caller_ao(p.sky_enabled != 0 && p.ao_enabled != 0 && p.ao_from_caller != 0) {}
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
+    if (std::string problem = halden::core::check_grid_size(p.width, p.height); !problem.empty()) return problem;
     if (!(p.terrain_size > 0.0f) || !std::isfinite(p.terrain_size)) return "terrain_size must be positive and finite";
     if (!(p.height_scale > 0.0f) || !std::isfinite(p.height_scale)) return "height_scale must be positive and finite";
     for (float v : p.sun_direction)

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "device/messages.hpp"
@@ -21,9 +22,9 @@ halden_callbacks callbacks{};
 
 namespace {
 
-bool positive_finite(float v) { return v > 0.0f && std::isfinite(v); }
-bool in(float v, float lo, float hi) { return v >= lo && v <= hi; }
-std::string got(float v) { return " (got " + std::to_string(v) + ")"; }
+using halden::core::got;
+using halden::core::positive_finite;
+using halden::core::within;
 
 // Height and gradient (per cell) of the bilinear surface through the cell
 // centres at (x, y); edge cells are repeated.
@@ -88,11 +89,9 @@ HALDEN_HD inline std::int64_t weight_on(std::int32_t weight, const float* hardne
 }  // namespace
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
-    if (!positive_finite(p.cell_size)) return "cell_size must be positive and finite" + got(p.cell_size);
-    if (!positive_finite(p.height_scale)) return "height_scale must be positive and finite" + got(p.height_scale);
+    if (std::string problem = halden::core::check_grid_and_scales(p.width, p.height, p.cell_size, p.height_scale);
+        !problem.empty())
+        return problem;
     if (!(p.droplets > 0.0f && p.droplets <= max_droplets))
         return "droplets must lie in (0, 16] per cell" + got(p.droplets);
     if (p.rounds < 0 || p.rounds > max_rounds)
@@ -103,11 +102,11 @@ std::string check(const Parameters& p) {
     if (!(p.inertia >= 0.0f && p.inertia < 1.0f)) return "inertia must lie in [0, 1)" + got(p.inertia);
     if (!(p.capacity >= 0.0f && std::isfinite(p.capacity))) return "capacity must be finite, >= 0" + got(p.capacity);
     if (!(p.min_slope >= 0.0f && std::isfinite(p.min_slope))) return "min_slope must be finite, >= 0" + got(p.min_slope);
-    if (!in(p.erosion_rate, 0.0f, 1.0f)) return "erosion_rate must lie in [0, 1]" + got(p.erosion_rate);
-    if (!in(p.deposition_rate, 0.0f, 1.0f)) return "deposition_rate must lie in [0, 1]" + got(p.deposition_rate);
+    if (!within(p.erosion_rate, 0.0f, 1.0f)) return "erosion_rate must lie in [0, 1]" + got(p.erosion_rate);
+    if (!within(p.deposition_rate, 0.0f, 1.0f)) return "deposition_rate must lie in [0, 1]" + got(p.deposition_rate);
     if (!(p.evaporation >= 0.0f && p.evaporation < 1.0f)) return "evaporation must lie in [0, 1)" + got(p.evaporation);
     if (!(p.gravity >= 0.0f && std::isfinite(p.gravity))) return "gravity must be finite, >= 0" + got(p.gravity);
-    if (!in(p.brush_radius, 0.0f, max_brush_radius)) return "brush_radius must lie in [0, 8]" + got(p.brush_radius);
+    if (!within(p.brush_radius, 0.0f, max_brush_radius)) return "brush_radius must lie in [0, 8]" + got(p.brush_radius);
     if (p.flow_coupling != 0 && p.flow_coupling != 1)
         return "flow_coupling must be 0 or 1 (got " + std::to_string(p.flow_coupling) + ")";
     if (p.levels < 0 || p.levels > max_levels)

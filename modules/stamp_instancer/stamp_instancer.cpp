@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "core/resampling.hpp"
@@ -23,7 +24,8 @@ halden_callbacks callbacks{};
 
 namespace {
 
-std::string got(double v) { return " (got " + std::to_string(v) + ")"; }
+using halden::core::got;
+
 bool finite(float v) { return std::isfinite(v); }
 
 // A range field pair: both finite (or, with `infinite`, not NaN) and in order.
@@ -304,9 +306,7 @@ HALDEN_HD inline float smooth_extreme(float t, float p, float k, float sign) {
 }  // namespace
 
 std::string check(const Parameters& p, bool placing) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
+    if (std::string problem = halden::core::check_grid_size(p.width, p.height); !problem.empty()) return problem;
     if (p.height_mode != HALDEN_STAMP_ABSOLUTE && p.height_mode != HALDEN_STAMP_RELATIVE)
         return "height_mode must be 0 (absolute) or 1 (relative) (got " + std::to_string(p.height_mode) + ")";
     if (p.blend < HALDEN_STAMP_REPLACE || p.blend > HALDEN_STAMP_MULTIPLY)

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "device/messages.hpp"
@@ -22,8 +23,8 @@ halden_callbacks callbacks{};
 
 namespace {
 
-bool positive_finite(float v) { return v > 0.0f && std::isfinite(v); }
-std::string got(float v) { return " (got " + std::to_string(v) + ")"; }
+using halden::core::got;
+using halden::core::positive_finite;
 
 // A diagonal neighbour lies sqrt(2) cells away.
 constexpr float kDiagonal = 1.41421356f;
@@ -42,11 +43,9 @@ HALDEN_HD inline offset neighbour(int k) {
 }  // namespace
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
-    if (!positive_finite(p.cell_size)) return "cell_size must be positive and finite" + got(p.cell_size);
-    if (!positive_finite(p.height_scale)) return "height_scale must be positive and finite" + got(p.height_scale);
+    if (std::string problem = halden::core::check_grid_and_scales(p.width, p.height, p.cell_size, p.height_scale);
+        !problem.empty())
+        return problem;
     if (!(p.talus_angle > 0.0f && p.talus_angle < 90.0f))
         return "talus_angle must lie above 0 and below 90 degrees" + got(p.talus_angle);
     if (!(p.talus_noise >= 0.0f && p.talus_noise <= 1.0f)) return "talus_noise must lie in [0, 1]" + got(p.talus_noise);

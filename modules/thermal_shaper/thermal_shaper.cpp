@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "core/checks.hpp"
 #include "core/grid.hpp"
 #include "core/math.hpp"
 #include "modules/thermal_shaper/laplacian_level.hpp"
@@ -19,13 +20,13 @@ using halden::compute::range;
 halden_callbacks callbacks{};
 
 namespace {
-bool positive_finite(float v) { return v > 0.0f && std::isfinite(v); }
+
+using halden::core::positive_finite;
+
 }  // namespace
 
 std::string check(const Parameters& p) {
-    if (!halden::core::grid_size_ok(p.width, p.height))
-        return "width and height must be at least 1 and hold at most 2^31 - 1 cells (got " + std::to_string(p.width) +
-               " x " + std::to_string(p.height) + ")";
+    if (std::string problem = halden::core::check_grid_size(p.width, p.height); !problem.empty()) return problem;
     if (!positive_finite(p.height_scale)) return "height_scale must be positive and finite";
     if (!positive_finite(p.extent)) return "extent must be positive and finite";
     if (!positive_finite(p.level_factor)) return "level_factor must be positive and finite";
