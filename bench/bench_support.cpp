@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench_support.hpp"
 
+#include <cmath>
+
 #include "halden/halden.h"
 
 namespace halden::bench {
@@ -17,6 +19,14 @@ std::vector<device_entry> devices() {
     }
     FreeDevices(list);
     return out;
+}
+
+std::vector<float> hills(int size) {
+    std::vector<float> h = terrain(std::uint32_t(size));
+    for (int y = 0; y < size; ++y)
+        for (int x = 0; x < size; ++x)
+            h[std::size_t(y) * size + x] += 200.0f * std::sin(0.01f * x) * std::cos(0.013f * y);
+    return h;
 }
 
 std::vector<float> terrain(std::uint32_t size) {

@@ -16,5 +16,8 @@ std::vector<device_entry> devices();
 
 // A size x size ramp (0.25 per cell across) with xorshift noise of up to 10.
 std::vector<float> terrain(std::uint32_t size);
+// The terrain with broad hills added, so that water and what it carries run
+// a long way.
+std::vector<float> hills(int size);
 
 }  // namespace halden::bench

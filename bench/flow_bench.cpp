@@ -16,21 +16,13 @@
 
 namespace {
 
-std::vector<float> hills(int size) {
-    std::vector<float> h = halden::bench::terrain(std::uint32_t(size));
-    for (int y = 0; y < size; ++y)
-        for (int x = 0; x < size; ++x)
-            h[std::size_t(y) * size + x] += 200.0f * std::sin(0.01f * x) * std::cos(0.013f * y);
-    return h;
-}
-
 void run_flow(benchmark::State& state, std::string key, int size) {
     halden_queue* q = CreateSyclQueue(key.c_str(), nullptr);
     if (!q) {
         state.SkipWithError("no queue");
         return;
     }
-    const std::vector<float> heights = hills(size);
+    const std::vector<float> heights = halden::bench::hills(size);
     std::vector<float> map(heights.size());
     const halden_flow_parameters p{size, size, 0.5f, 1.0f, 1};
 

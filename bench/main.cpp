@@ -8,11 +8,14 @@ void register_thermal_benchmarks();
 void register_erosion_benchmarks();
 void register_resampling_benchmarks();
 void register_flow_benchmarks();
+void register_color_transport_benchmarks();
 void register_shade_benchmarks();
 void register_mesh_rasterizer_benchmarks();
 void register_cellular3d_benchmarks();
 void register_stamp_instancer_benchmarks();
 void register_debris_benchmarks();
+void register_dune_benchmarks();
+void register_sunlight_benchmarks();
 
 int main(int argc, char** argv) {
     register_median_filter_benchmarks();
@@ -21,11 +24,14 @@ int main(int argc, char** argv) {
     register_erosion_benchmarks();
     register_resampling_benchmarks();
     register_flow_benchmarks();
+    register_color_transport_benchmarks();
     register_shade_benchmarks();
     register_mesh_rasterizer_benchmarks();
     register_cellular3d_benchmarks();
     register_stamp_instancer_benchmarks();
     register_debris_benchmarks();
+    register_dune_benchmarks();
+    register_sunlight_benchmarks();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

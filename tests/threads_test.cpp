@@ -140,6 +140,12 @@ results run_everything(halden_queue* q, const halden_callbacks& cb) {
     const halden_erosion_parameters e{n,    n,    1.0f,  1.0f, 0.5f, 4, 32.0f, 0.3f, 4.0f, 0.01f,
                                       0.3f, 0.3f, 0.02f, 4.0f, 2.0f, 1, 0,     1.0f, 7};
     EXPECT_EQ(ParallelErosionSimulation(q, eroded.data(), nullptr, nullptr, nullptr, nullptr, nullptr, &e, &cb), 0u);
+    std::vector<float> sand(h.size());
+    for (std::size_t i = 0; i < sand.size(); ++i) sand[i] = float(i % 13) * 0.25f;
+    const halden_dune_parameters du{n,    1.0f, 1.0f, 30.0f, 1.5f,  100.0f, 1.0f, 0.3f, 8, 0.2f,
+                                    3.0f, 0.2f, 0.5f, 5.0f,  15.0f, 33.0f,  68.0f, 1,   1, 5};
+    EXPECT_EQ(DuneSimulation(q, h.data(), sand.data(), nullptr, &du, &cb), 0u);
+    r.flow.insert(r.flow.end(), sand.begin(), sand.end());
     for (const std::vector<float>* v : {&median, &blurred, &shaped, &weathered, &eroded, &r.ids})
         r.flow.insert(r.flow.end(), v->begin(), v->end());
     std::vector<float> cracks(h.size()), smooth(h.size());
@@ -173,6 +179,26 @@ results run_everything(halden_queue* q, const halden_callbacks& cb) {
                                           &cb),
                   0u);
         for (const std::vector<float>* v : {&stamped, &stamp_ids}) r.flow.insert(r.flow.end(), v->begin(), v->end());
+    }
+    // Colour carried down the flow, with a mask.
+    {
+        std::vector<float> red(h.size()), green(h.size()), blue(h.size()), mask(h.size());
+        for (std::size_t i = 0; i < h.size(); ++i) {
+            red[i] = float(i % 5) * 0.25f, green[i] = h[i] * 0.05f, blue[i] = float(i % 3);
+            mask[i] = float(i % 4) / 3.0f;
+        }
+        const halden_color_transport_parameters ct{n, n, 5, 1.5f, 0.1f, 1.0f, 0.9f, 2.0f};
+        EXPECT_EQ(ColorTransportSimulation(q, h.data(), red.data(), green.data(), blue.data(), mask.data(), &ct, &cb),
+                  0u);
+        for (const std::vector<float>* v : {&red, &green, &blue}) r.flow.insert(r.flow.end(), v->begin(), v->end());
+    }
+    // Sunlight over three weeks in hourly steps, with the traced sky view.
+    {
+        std::vector<float> sun(h.size()), hours(h.size()), view(h.size());
+        const halden_sunlight_parameters sl{n,    n,    float(n), 0.5f, 40.0f, 150, 170, 7, 60.0f, 0, 3.0f, 0.7f,
+                                            300.0f, 0.2f, 24, 1, 0, {0, 0}};
+        EXPECT_EQ(SunLightIntegral(q, h.data(), sun.data(), hours.data(), view.data(), &sl, &cb), 0u);
+        for (const std::vector<float>* v : {&sun, &hours, &view}) r.light.insert(r.light.end(), v->begin(), v->end());
     }
     return r;
 }

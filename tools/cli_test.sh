@@ -81,6 +81,7 @@ for f in terrain.npy median.npy thermal.npy flow.npy eroded.npy relief.png flow.
 done
 check "the eroded relief differs from the relief" eval '! cmp -s demo/eroded.png demo/relief.png'
 check "demo wrote craters.png, unlike the relief" eval 'test -s demo/craters.png && ! cmp -s demo/craters.png demo/relief.png'
+check "demo wrote colour.png" test -s demo/colour.png
 if [ -n "$gdal" ] && [ -r "$sample" ]; then
     for f in dem-relief.png dem-flow.png dem-eroded.png; do check "demo wrote $f from the real model" test -s "demo/$f"; done
 else
@@ -183,6 +184,42 @@ interrupt() {
 }
 for _ in $(seq 64); do cat terrain.raw; done >big.raw
 interrupt flow cancelled.raw "$halden" flow big.raw cancelled.raw --size 512
+
+# --- color-transport ----------------------------------------------------------------------------
+# colours H W FILE: an (H, W, 3) float32 .npy, every sample 0.5.
+colours() {
+    npy "{'descr': '<f4', 'fortran_order': False, 'shape': ($1, $2, 3), }" "" "$3.head"
+    floats '\x00\x00\x00\x3f' $(($1 * $2 * 3)) "$3.data"
+    cat "$3.head" "$3.data" >"$3" && rm -f "$3.head" "$3.data"
+}
+colours 64 64 grey.npy
+colours 64 32 narrow.npy
+expect 0 "color-transport of one colour" "$halden" color-transport demo/thermal.npy grey.npy grey-out.npy
+check "one colour comes back unchanged" cmp <(tail -c 49152 grey.npy) <(tail -c 49152 grey-out.npy)
+expect 0 "color-transport of a picture, --json" "$halden" color-transport demo/thermal.npy demo/relief.png \
+    carried.png --pickup 0 --strength 1 --json
+check "color-transport --json fields" \
+    grep -q '^{"operation": "color-transport", "device": ".*", "width": 64, "height": 64, ' out.txt
+check "color-transport wrote a PNG" test -s carried.png
+expect 0 "color-transport, picture to .npy with a mask" "$halden" color-transport demo/thermal.npy demo/relief.png \
+    carried.npy --mask zeros.raw
+check "a .npy of (64, 64, 3) float32" test "$(wc -c <carried.npy)" -ge 49152
+py "a zero mask keeps the picture's samples" 'import array, sys
+a = array.array("f", open(sys.argv[1], "rb").read()[-49152:])
+sys.exit(0 if all(abs(v * 255 - round(v * 255)) < 1e-3 for v in a) else 1)' carried.npy
+expect 2 "colours of another shape" "$halden" color-transport demo/thermal.npy narrow.npy out.npy
+expect 2 "colours that are a height grid" "$halden" color-transport demo/thermal.npy demo/thermal.npy out.npy
+expect 2 "missing colours" "$halden" color-transport demo/thermal.npy no-such-file.npy out.npy
+expect 2 "colours in another format" "$halden" color-transport demo/thermal.npy terrain.raw out.npy
+for bad in "--pickup 2" "--strength -1" "--weight 0" "--saturation -1" "--length -1" "--seed -1"; do
+    # shellcheck disable=SC2086
+    expect 1 "color-transport $bad" "$halden" color-transport demo/thermal.npy grey.npy out.npy $bad
+done
+check "failures wrote nothing" test ! -e out.npy
+expect 1 "COLOUR_OUT of another format" "$halden" color-transport demo/thermal.npy grey.npy out.tif
+npy "{'descr': '<f4', 'fortran_order': False, 'shape': (512, 512, 3), }" "" big-colours.npy
+head -c $((512 * 512 * 12)) /dev/zero >>big-colours.npy
+interrupt color-transport cancelled.npy "$halden" color-transport big.raw big-colours.npy cancelled.npy --size 512
 
 # --- thermal-erode ---------------------------------------------------------------------------
 # Checks of what the library promises whatever its tuning: a flat grid and
@@ -513,6 +550,27 @@ expect 2 "debris with a sources grid of another shape" "$halden" debris cliff.ra
     --sources demo/terrain.npy
 expect 0 "debris --help" "$halden" debris --help
 
+# --- sunlight -------------------------------------------------------------------------------------
+floats '\x00\x00\x20\x41' 256 flat16.raw
+expect 0 "sunlight of flat ground, relative" "$halden" sunlight flat16.raw lit.raw --size 16 --relative \
+    --sun-hours hours.raw --sky-view view.raw
+check "sunlight says what it ran" grep -q '^sunlight 16x16, latitude 45, days 172 to 172 every 1, 10-minute steps on ' out.txt
+py "flat open ground is 1, sees the whole sky and the sun for over 15 hours" 'import sys; from grid_load import load
+l, h, v = (load(p) for p in sys.argv[1:])
+sys.exit(0 if all(abs(x - 1) < 1e-5 for x in l) and set(v) == {1.0} and all(15 < x < 16 for x in h) else 1)' \
+    lit.raw hours.raw view.raw
+expect 0 "sunlight over a season of a wide grid" "$halden" sunlight demo/terrain.npy season.npy --latitude -30 \
+    --first-day 1 --last-day 90 --day-step 15 --time-step 30 --linke 4 --albedo 0.3 --elevation 800
+expect 0 "sunlight, beam only through a plain transmittance" "$halden" sunlight demo/terrain.npy beam.npy \
+    --transmittance 0.7 --no-diffuse --sky-directions 0
+expect 1 "sunlight with --last-day before --first-day" "$halden" sunlight flat16.raw out.raw --size 16 \
+    --first-day 100 --last-day 50
+expect 1 "sunlight --sky-view without sky directions" "$halden" sunlight flat16.raw out.raw --size 16 \
+    --sky-view view.raw --sky-directions 0
+expect 1 "sunlight with a latitude past the pole" "$halden" sunlight flat16.raw out.raw --size 16 --latitude 91
+check "it writes nothing" test ! -e out.raw
+expect 0 "sunlight --help" "$halden" sunlight --help
+
 # --- what every command shares ----------------------------------------------------------------
 # Every operation command takes --no-progress and prints its times under --json.
 printf 'v 0 0 2\nv 1 0 2\nv 0 1 2\nf 1 2 3\n' >tri.obj
@@ -545,16 +603,18 @@ expect 1 "no command" "$halden"
 check "the usage goes to stderr" eval 'test ! -s out.txt && grep -q "^usage: halden <command>" err.txt'
 expect 0 "--help" "$halden" --help
 check "--help lists every command" bash -c 'for c in devices median thermal-shape thermal-erode erode flow shade blur \
-    rasterize cellular stamp debris demo; do
+    rasterize cellular stamp debris color-transport sunlight dunes demo; do
     grep -q "^  $c " out.txt || exit 1; done'
 
 # --- common failures and help ------------------------------------------------------------------
-for command in median thermal-shape thermal-erode erode flow blur debris; do
+for command in median thermal-shape thermal-erode erode flow blur debris sunlight; do
     expect 2 "$command of a missing file" "$halden" "$command" no-such-file.npy out.npy
     expect 3 "$command on an unknown device" "$halden" "$command" demo/terrain.npy out.npy --device no-such-device
 done
+expect 2 "dunes of a missing file" "$halden" dunes no-such-file.npy demo/terrain.npy out.npy
 check "failures wrote nothing" test ! -e out.npy
-for command in devices median thermal-shape thermal-erode erode flow shade blur rasterize cellular stamp debris demo; do
+for command in devices median thermal-shape thermal-erode erode flow shade blur rasterize cellular stamp debris \
+    color-transport sunlight dunes demo; do
     expect 0 "$command --help" "$halden" "$command" --help
     check "$command --help shows its usage" grep -q "^usage: halden $command" out.txt
 done

@@ -1189,6 +1189,263 @@ HALDEN_API uint32_t Cellular3D_Render(halden_queue* queue, float* out, const flo
                                       const halden_cellular3d_parameters* parameters,
                                       const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Sun-light integral.                                                        */
+/*
+ * Clear-sky sunlight summed over the days and times of a period, with the
+ * terrain's own shadows: beam light on each cell's slope, diffuse sky light
+ * and light reflected from the surroundings. Row 0 is the north edge and the
+ * columns run east; solar time, no refraction of the horizon.
+ *
+ * width, height     grid size in cells; square (the shadows sweep a square
+ *                   grid), at most 16384 wide
+ * terrain_size      horizontal extent of the grid's width in metres, > 0
+ * height_scale      metres per unit of the height grid, > 0
+ * latitude          degrees, -90 to 90 (positive north)
+ * first_day, last_day   days of the year, 1 <= first_day <= last_day <= 366
+ * day_step          every day_step-th day from first_day is sampled (>= 1);
+ *                   each sample stands for day_step days (the last one for
+ *                   what is left of the period)
+ * time_step         minutes between sun positions, 1 to 240; positions lie
+ *                   at the middle of each step from midnight
+ * atmosphere        0: Linke turbidity (linke_turbidity, 0.5 to 10);
+ *                   1: a plain transmittance per air mass (0 to 1]
+ * site_elevation    metres above sea level, -500 to 9000: thins the air mass
+ * albedo            ground reflectance 0 to 1 for the reflected light
+ * sky_directions    0: diffuse light sees the whole sky of the slope; 1 to
+ *                   4096: sky view is traced from that many hemisphere
+ *                   directions and shades the diffuse light
+ * diffuse           nonzero: add diffuse and reflected light
+ * relative          nonzero: irradiation relative to flat open ground (1
+ *                   there) instead of Wh/m^2
+ * reserved          carried, not read
+ *
+ * Defaults worth starting from: latitude 45, days 172 to 172, day_step 1,
+ * time_step 10, Linke turbidity 3, site_elevation 0, albedo 0.2,
+ * sky_directions 32, diffuse on, relative off.
+ */
+typedef struct halden_sunlight_parameters {
+    int32_t width;
+    int32_t height;
+    float terrain_size;
+    float height_scale;
+    float latitude;
+    int32_t first_day;
+    int32_t last_day;
+    int32_t day_step;
+    float time_step;
+    int32_t atmosphere;
+    float linke_turbidity;
+    float transmittance;
+    float site_elevation;
+    float albedo;
+    int32_t sky_directions;
+    uint8_t diffuse;
+    uint8_t relative;
+    uint8_t reserved[2];
+} halden_sunlight_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_sunlight_parameters) == 64, "sunlight record is 64 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_sunlight_parameters, latitude) == 16, "latitude at 16");
+HALDEN_STATIC_ASSERT(offsetof(halden_sunlight_parameters, time_step) == 32, "time_step at 32");
+HALDEN_STATIC_ASSERT(offsetof(halden_sunlight_parameters, atmosphere) == 36, "atmosphere at 36");
+HALDEN_STATIC_ASSERT(offsetof(halden_sunlight_parameters, sky_directions) == 56, "sky_directions at 56");
+HALDEN_STATIC_ASSERT(offsetof(halden_sunlight_parameters, diffuse) == 60, "switches at 60");
+
+/*
+ * Sums the sunlight of the period over the width x height grid `heights`
+ * (only read) into `irradiation` (Wh/m^2, or relative to flat open ground);
+ * `sun_hours` (optional) gets the hours each cell sees the sun, `sky_view`
+ * (optional, needs sky_directions > 0) the share of the sky it sees, 1 on
+ * flat open ground. The sun's path, air mass and atmosphere are worked out
+ * on the host; each sun position above the horizon is one shadow sweep over
+ * the grid, summed in 64-bit fixed point, so the result is the same on
+ * every device. Needs about 72 bytes per cell of device memory.
+ *
+ * Progress goes to slot 1 once per sun position; a nonzero return from slot
+ * 1 or slot 7 cancels and leaves every output unchanged. Returns 0 when done;
+ * 2 when the device lacks the memory; 3 for a null queue, heights,
+ * irradiation or record, an invalid record (the error text names the
+ * field), a cancel or a device error; the outputs are then left as they were.
+ *
+ *   halden_sunlight_parameters p = {1024, 1024, 10240.0f, 1.0f, 45.0f, 172, 172, 1, 10.0f,
+ *                                   0, 3.0f, 0.7f, 0.0f, 0.2f, 32, 1, 0, {0, 0}};
+ *   uint32_t status = SunLightIntegral(q, heights, irradiation, hours, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t SunLightIntegral(halden_queue* queue, const float* heights, float* irradiation,
+                                     float* sun_hours, float* sky_view,
+                                     const halden_sunlight_parameters* parameters,
+                                     const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Dunes.                                                                     */
+/*
+ * Wind-blown sand over a fixed bedrock: sand is lifted where the wind is
+ * exposed, carried downwind in hops, laid down in expected shares (no random
+ * draw per hop), and slides where it is steeper than its angle of repose.
+ * Crescent (barchan) dunes, transverse ridges and slip faces form on their
+ * own; small dunes move faster than large ones.
+ *
+ * size                side of the square grid in cells, 1 to 46340
+ * cell_size           world width of one cell, > 0
+ * height_scale        world height of one height unit, > 0
+ * wind_direction      degrees from +x (along a row) towards +y (down the
+ *                     rows): the way the wind blows towards
+ * wind_speed          0 to 8: relative speed (1 = nominal); 0 is calm
+ * second_wind_*       an optional second wind, used for a share 0 to 1 of
+ *                     the iterations, spread evenly over them (share 0: off)
+ * iterations          0 to 100000
+ * slab                sand lifted per iteration from an exposed cell at
+ *                     nominal speed, in height units, >= 0
+ * hop_length          cells a grain travels per hop at nominal speed,
+ *                     above 0 and at most 64
+ * speed_up            0 to 16: the wind's relative gain per cell_size of
+ *                     height above the terrain blurred over 25 cells
+ * warp_strength       0 to 1: how much of the wind's climb up the blurred
+ *                     terrain turns aside, so wind flows around large dunes
+ * shadow_angle_min/max  0 < min <= max < 90 degrees: a cell whose upwind
+ *                     horizon rises steeper than max is sheltered (nothing is
+ *                     lifted, everything landing stays), below min exposed,
+ *                     smoothly between
+ * sand_repose         0 to 90 degrees (exclusive): sand slides above it
+ * bedrock_repose      0 to 90 degrees (exclusive): rock faces steeper than
+ *                     it hold no sand (it slides off them at any slope)
+ * periodic            0 or 1: sand leaving one edge enters at the opposite
+ *                     one (the sand volume is then kept exactly); with 0
+ *                     sand blown off the grid is gone. Slides stop at the
+ *                     edges either way
+ * abrasion            0 or 1: grains landing on bare rock scour and bounce
+ *                     on more often than on sand (they stay 40% of the time
+ *                     instead of 60%); the bedrock itself is not changed
+ * seed                seed of the per-hop variation of the hop length
+ *
+ * Defaults worth starting from: wind_speed 1, iterations 200, slab 0.1,
+ * hop_length 3, speed_up 0.2, warp_strength 0.5, shadow angles 5 and 15,
+ * sand_repose 33, bedrock_repose 68, periodic 1, abrasion 1, seed 1
+ * (cell_size and height_scale equal).
+ */
+typedef struct halden_dune_parameters {
+    int32_t size;
+    float cell_size;
+    float height_scale;
+    float wind_direction;
+    float wind_speed;
+    float second_wind_direction;
+    float second_wind_speed;
+    float second_wind_share;
+    int32_t iterations;
+    float slab;
+    float hop_length;
+    float speed_up;
+    float warp_strength;
+    float shadow_angle_min;
+    float shadow_angle_max;
+    float sand_repose;
+    float bedrock_repose;
+    uint32_t periodic;
+    uint32_t abrasion;
+    uint32_t seed;
+} halden_dune_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_dune_parameters) == 80, "dune record is 80 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_dune_parameters, wind_direction) == 12, "wind_direction at 12");
+HALDEN_STATIC_ASSERT(offsetof(halden_dune_parameters, iterations) == 32, "iterations at 32");
+HALDEN_STATIC_ASSERT(offsetof(halden_dune_parameters, shadow_angle_min) == 52, "shadow_angle_min at 52");
+HALDEN_STATIC_ASSERT(offsetof(halden_dune_parameters, periodic) == 68, "periodic at 68");
+HALDEN_STATIC_ASSERT(offsetof(halden_dune_parameters, seed) == 76, "seed at 76");
+
+/*
+ * Runs the dune simulation on the size x size row-major grids `bedrock`
+ * (read) and `sand` (thickness in height units, read and overwritten). The
+ * sand volume is kept in 64-bit fixed point (units of 2^-20 height), so with
+ * periodic borders it is conserved exactly: the output's cells are those
+ * units, exact in float for cells thinner than 16. Cells no grain left or
+ * reached keep their input bits. `vegetation` (optional, 0 to 1) holds sand:
+ * a cell of cover 1 loses none and keeps all that lands on it. Needs about
+ * 68 bytes per cell of device memory; the same bits on every device and
+ * thread count.
+ *
+ * Progress goes to slot 1 of `callbacks` after every iteration; a nonzero
+ * return from slot 1 or slot 7 cancels and leaves the sand unchanged.
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for a null
+ * queue, bedrock, sand or record, an invalid record or grid (non-finite
+ * bedrock, negative, non-finite or thicker than 2^20 sand, vegetation
+ * outside 0 to 1; the error text names the field), a cancel or a device
+ * error; `sand` is then left as it was.
+ *
+ *   halden_dune_parameters p = {1024, 1.0f, 1.0f, 0.0f, 1.0f, 90.0f, 0.0f, 0.0f, 200, 0.1f, 3.0f, 0.2f, 0.5f,
+ *                               5.0f, 15.0f, 33.0f, 68.0f, 1, 1, 1};
+ *   uint32_t status = DuneSimulation(q, bedrock, sand, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t DuneSimulation(halden_queue* queue, const float* bedrock, float* sand, const float* vegetation,
+                                   const halden_dune_parameters* parameters,
+                                   const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Colour transport.                                                          */
+/*
+ * width, height   grid size in cells (at least 1 each, at most 2^31 - 1 cells)
+ * seed            seed of every random choice, as in the flow simulation:
+ *                 the same seed sends the colour down the same paths as
+ *                 FlowSimulation's particles
+ * length          how far a long trace may run, as in the flow simulation
+ *                 (>= 0; width * length + 2 may not pass 2^24)
+ * pickup_rate     how far the carried colour moves toward each crossed
+ *                 cell's colour, 0 to 1: 0 carries the source colour all the
+ *                 way, 1 takes on each cell's colour at once (no change)
+ * deposit_weight  weight of one visit, > 0
+ * strength        how far a colour moves toward the carried mean, 0 to 1
+ * saturation      visit weight at which the move reaches half of strength:
+ *                 the move is strength * w / (w + saturation) with w the
+ *                 cell's visit count times deposit_weight (>= 0; 0 moves
+ *                 every visited cell by strength)
+ *
+ * Defaults worth starting from: length 0.5, pickup_rate 0.05,
+ * deposit_weight 1, strength 0.8, saturation 4, seed 1.
+ */
+typedef struct halden_color_transport_parameters {
+    int32_t width;
+    int32_t height;
+    uint32_t seed;
+    float length;
+    float pickup_rate;
+    float deposit_weight;
+    float strength;
+    float saturation;
+} halden_color_transport_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_color_transport_parameters) == 32, "colour transport record is 32 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_color_transport_parameters, seed) == 8, "seed at 8");
+HALDEN_STATIC_ASSERT(offsetof(halden_color_transport_parameters, length) == 12, "length at 12");
+HALDEN_STATIC_ASSERT(offsetof(halden_color_transport_parameters, saturation) == 28, "saturation at 28");
+
+/*
+ * Carries colour along the flow of water over the width x height row-major
+ * grid `heights` (only read): the pits are filled, one particle per cell
+ * starts with its cell's colour and runs downhill as in FlowSimulation,
+ * taking on the colour of the cells it crosses at pickup_rate, and each cell
+ * moves toward the mean colour of the particles that crossed it. Rivers and
+ * gullies take on the colour of the material upstream.
+ *
+ * `red`, `green` and `blue` (width * height floats each, any finite range)
+ * are read and overwritten with the result. `mask` (may be NULL; values 0 to
+ * 1) scales the change per cell. Needs about 92 bytes per cell of device
+ * memory. A uniform colour, a flat terrain and cells that nothing flows into
+ * keep their colours exactly.
+ *
+ * Progress goes to slot 1 of `callbacks` in percent; a nonzero return from
+ * slot 1 or slot 7 cancels and leaves the colours unchanged. Returns 0 when
+ * done; 2 when the device lacks the memory; 3 for null arrays or record, an
+ * invalid record or grid value, a cancel or a device error.
+ *
+ *   halden_color_transport_parameters p = {1024, 1024, 1, 0.5f, 0.05f, 1.0f, 0.8f, 4.0f};
+ *   uint32_t status = ColorTransportSimulation(q, heights, r, g, b, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t ColorTransportSimulation(halden_queue* queue, const float* heights, float* red, float* green,
+                                             float* blue, const float* mask,
+                                             const halden_color_transport_parameters* parameters,
+                                             const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -1243,6 +1500,17 @@ using Parameters = ::halden_cellular3d_parameters;
 using Metric = ::halden_cellular3d_metric;
 using Result = ::halden_cellular3d_result;
 }  // namespace cellular3d
+
+namespace lighting {
+using SunLightParameters = ::halden_sunlight_parameters;
+}  // namespace lighting
+namespace arrakis {
+using Parameters = ::halden_dune_parameters;
+}  // namespace arrakis
+
+namespace color_transport {
+using Parameters = ::halden_color_transport_parameters;
+}  // namespace color_transport
 #endif
 
 #endif /* HALDEN_HALDEN_H */

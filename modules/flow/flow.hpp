@@ -78,6 +78,10 @@ public:
 
     // The whole operation; false when the caller cancelled.
     bool process();
+    // Its first part alone, for modules that run their own traces on the
+    // surface: reads h_heights and fills the pits, reporting progress up to
+    // fill_share of 64. False when the caller cancelled.
+    bool fill_surface();
 
     // One pit-filling pass: every cell rises to its second-lowest neighbour
     // (or its only one), and with marks, cells at or below that target are

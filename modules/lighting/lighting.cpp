@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "core/accumulate.hpp"
 #include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
@@ -212,15 +213,17 @@ struct terrain {
     }
 };
 
-enum sweep_mode { sun_rays, sky_rays, sky_vectors };
+enum sweep_mode { sun_rays, sky_rays, sky_vectors, sun_sums };
 
 // Sun rays count 1 per lit cell and read bilinear heights; sky rays read the
 // nearest cell and add 2^18 times the cosine between the cell's normal and
 // the direction; sky vectors add 2^18 times the direction itself, one
-// component per plane of a three-plane photon map.
+// component per plane of a three-plane photon map; sun sums add the sky
+// rays' cosine, weighted, to 64-bit fixed-point totals.
 template <int Mode>
 void sweep(queue& q, const float* heights, const vec4* normals, std::int32_t* photons, const vec3* directions,
-           const vec2* jitters, int samples, int w, float terrain_size, float height_scale) {
+           const vec2* jitters, int samples, int w, float terrain_size, float height_scale,
+           const weighted_sums& sums = {}) {
     constexpr bool Sky = Mode != sun_rays;
     const terrain ground{heights, w};
     const std::size_t plane = std::size_t(w) * std::size_t(w);
@@ -238,6 +241,18 @@ void sweep(queue& q, const float* heights, const vec4* normals, std::int32_t* ph
                 const vec4 n = normals[cell];
                 halden::compute::atomic_add(&photons[cell],
                                             std::int32_t(262144.0f * (n.x * dir.x + n.y * dir.y + n.z * dir.z)));
+            } else if (Mode == sun_sums) {
+                const vec4 n = normals[cell];
+                const std::int32_t c = std::int32_t(262144.0f * (n.x * dir.x + n.y * dir.y + n.z * dir.z));
+                // Cells that face away from the sun, or graze it, get nothing.
+                // One direction's lanes share their major-axis position and
+                // sit whole cells apart on the other axis, so each cell is
+                // met by exactly one ray step: plain adds cannot race.
+                if (c > 0) {
+                    std::int64_t* pair = sums.totals + 2 * std::size_t(cell);
+                    pair[0] += sums.fixed.encode(float(c) * sums.weight, sums.overflow);
+                    pair[1] += sums.count;
+                }
             } else {
                 halden::compute::atomic_add(&photons[cell], std::int32_t(262144.0f * dir.x));
                 halden::compute::atomic_add(&photons[plane + cell], std::int32_t(262144.0f * dir.y));
@@ -333,11 +348,21 @@ void compute_normals_and_init_photonmap(queue& q, const float* heights, vec4* no
     });
 }
 
+void sweep_sky(queue& q, const float* heights, const vec4* normals, std::int32_t* photons, const vec3* directions,
+               const vec2* jitters, int count, int w, float terrain_size, float height_scale) {
+    sweep<sky_rays>(q, heights, normals, photons, directions, jitters, count, w, terrain_size, height_scale);
+}
+
+void sweep_sky_sums(queue& q, const float* heights, const vec4* normals, const vec3* direction, const vec2* jitter,
+                    const weighted_sums& sums, int w, float terrain_size, float height_scale) {
+    sweep<sun_sums>(q, heights, normals, nullptr, direction, jitter, 1, w, terrain_size, height_scale, sums);
+}
+
 void raytrace_ao(queue& q, const float* heights, const vec4* normals, std::int32_t* photons, float* ao,
                  const usm_ptr<vec3, 1>& directions, const usm_ptr<vec2, 1>& jitters, int w, float terrain_size,
                  float height_scale) {
     const int k = int(directions.size());
-    sweep<sky_rays>(q, heights, normals, photons, directions.get(), jitters.get(), k, w, terrain_size, height_scale);
+    sweep_sky(q, heights, normals, photons, directions.get(), jitters.get(), k, w, terrain_size, height_scale);
     const float count = float(k);
     q.parallel_for(range<2>{std::size_t(w), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
         const std::size_t i = row * std::size_t(w) + col;

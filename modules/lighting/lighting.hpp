@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "compute/compute.hpp"
+#include "core/accumulate.hpp"
 #include "core/grid.hpp"
 #include "halden/halden.h"
 
@@ -64,6 +65,28 @@ std::vector<vec3> sky(int count);
 // Unit normals (0 where the stencil gives a zero vector) and a zeroed photon map.
 void compute_normals_and_init_photonmap(halden::compute::queue& q, const float* heights, vec4* normals,
                                         std::int32_t* photons, int w, int h, float terrain_size, float height_scale);
+
+// The sky-ray sweep alone over `count` directions: every cell a ray reaches
+// gains trunc(2^18 n.d) in the photon map, n its normal, d the direction.
+void sweep_sky(halden::compute::queue& q, const float* heights, const vec4* normals, std::int32_t* photons,
+               const vec3* directions, const vec2* jitters, int count, int w, float terrain_size, float height_scale);
+
+// Where a sweep adds instead of the photon map: every reached cell facing the
+// direction gains weight x trunc(2^18 n.d) and `count` in its pair of 64-bit
+// fixed-point totals (exact, in any order), totals[2 i] and totals[2 i + 1]:
+// side by side, so that a ray step touches one cache line for both.
+struct weighted_sums {
+    std::int64_t* totals = nullptr;
+    std::uint32_t* overflow = nullptr;  // set when a term leaves the fixed-point range
+    halden::core::fixed_point fixed{0};
+    float weight = 0.0f;
+    std::int64_t count = 0;
+};
+// The sky-ray sweep of one direction into weighted sums. A sweep meets each
+// cell exactly once per direction, so the sums are added without atomics:
+// the same totals must not be swept by two calls at once.
+void sweep_sky_sums(halden::compute::queue& q, const float* heights, const vec4* normals, const vec3* direction,
+                    const vec2* jitter, const weighted_sums& sums, int w, float terrain_size, float height_scale);
 
 // Sweeps one ray per lane and sky direction across the square w x w grid,
 // then writes ao = max(0, count / 2^16 / K) for the K directions.

@@ -115,10 +115,11 @@ using halden::core::interior_extent;
 // (closed borders: nothing leaves the grid); interior cells need not, and
 // their body is free of branches so that the host compiler vectorises it.
 // Adding +0 for a neighbour that does not slide leaves every sum's bits as
-// they would be without it. Varied: each cell has its own rate.
-template <bool Border, bool Varied>
+// they would be without it. Varied: each cell has its own rate. Capped:
+// each cell sends at most cap[i].
+template <bool Border, bool Varied, bool Capped = false>
 HALDEN_HD inline float outflow_at(const float* heights, const float* talus, const float* rates, float rate, int w,
-                                  int h, int x, int y, std::ptrdiff_t i) {
+                                  int h, int x, int y, std::ptrdiff_t i, const float* cap = nullptr) {
     const float c = heights[i], t = talus[i], td = t * kDiagonal;
     float excess = 0.0f, drops = 0.0f, largest = 0.0f;
     HALDEN_UNROLL
@@ -136,7 +137,9 @@ HALDEN_HD inline float outflow_at(const float* heights, const float* talus, cons
     }
     // Never more than half the largest drop, so no cell ends below the
     // neighbour it fed most.
-    const float f = min_of((Varied ? rates[i] : rate) * excess, 0.5f * largest) / drops;
+    float send = min_of((Varied ? rates[i] : rate) * excess, 0.5f * largest);
+    if (Capped) send = min_of(send, cap[i]);
+    const float f = send / drops;
     return drops > 0.0f ? f : 0.0f;
 }
 
@@ -168,19 +171,44 @@ HALDEN_HD inline void settle_at(const float* heights, const float* talus, const 
     resting[i] = max_of((resting[i] + received) - sent, 0.0f);
 }
 
+// settle_at in fixed point: the same transfers under the same conditions,
+// each truncated to whole units of 2^-shift before it is summed.
+template <bool Border>
+HALDEN_HD inline void settle_fixed_at(const float* heights, const float* talus, const float* factor,
+                                      std::int64_t* amount, float scale, int w, int h, int x, int y,
+                                      std::ptrdiff_t i) {
+    const float c = heights[i], t = talus[i], f = factor[i];
+    std::int64_t change = 0;
+    HALDEN_UNROLL
+    for (int k = 0; k < 8; ++k) {
+        const offset o = neighbour(k);
+        const int nx = x + o.dx, ny = y + o.dy;
+        if (Border && (nx < 0 || ny < 0 || nx >= w || ny >= h)) continue;
+        const std::ptrdiff_t j = i + std::ptrdiff_t(o.dy) * w + o.dx;
+        const float hj = heights[j], down = c - hj, up = hj - c;
+        const bool out = down > (o.diagonal ? t * kDiagonal : t);
+        const bool in = up > (o.diagonal ? talus[j] * kDiagonal : talus[j]);
+        // Most pairs exchange nothing: skip their conversions. Transfers are
+        // never negative, so the conversion truncates down.
+        if (out) change = change - std::int64_t((f * down) * scale);
+        if (in) change = change + std::int64_t((factor[j] * up) * scale);
+    }
+    amount[i] = amount[i] + change;
+}
+
 // The kernels are instantiated for each combination of the loop-invariant
 // choices, so that no test on them is left inside the vectorised loop.
-template <bool Varied>
+template <bool Varied, bool Capped = false>
 void outflow_launch(queue& q, const float* heights, const float* talus, const float* rates, float rate, float* factor,
-                    int w, int h) {
+                    int w, int h, const float* cap = nullptr) {
     q.parallel_for(interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
         const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
-        factor[i] = outflow_at<false, Varied>(heights, talus, rates, rate, w, h, 0, 0, i);
+        factor[i] = outflow_at<false, Varied, Capped>(heights, talus, rates, rate, w, h, 0, 0, i, cap);
     });
     q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
         const halden::core::cell b = border_cell(k, w, h);
         const std::ptrdiff_t i = std::ptrdiff_t(b.y) * w + b.x;
-        factor[i] = outflow_at<true, Varied>(heights, talus, rates, rate, w, h, b.x, b.y, i);
+        factor[i] = outflow_at<true, Varied, Capped>(heights, talus, rates, rate, w, h, b.x, b.y, i, cap);
     });
 }
 
@@ -210,6 +238,25 @@ void settle(queue& q, const float* heights, const float* talus, const float* fac
             float* resting, int w, int h) {
     if (moved) settle_launch<true>(q, heights, talus, factor, next, moved, resting, w, h);
     else settle_launch<false>(q, heights, talus, factor, next, moved, resting, w, h);
+}
+
+void outflow(queue& q, const float* heights, const float* talus, const float* rates, float rate, const float* cap,
+             float* factor, int w, int h) {
+    if (rates) outflow_launch<true, true>(q, heights, talus, rates, rate, factor, w, h, cap);
+    else outflow_launch<false, true>(q, heights, talus, rates, rate, factor, w, h, cap);
+}
+
+void settle_fixed(queue& q, const float* heights, const float* talus, const float* factor, std::int64_t* amount,
+                  int shift, int w, int h) {
+    const float scale = float(std::int64_t(1) << shift);
+    q.parallel_for(interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
+        settle_fixed_at<false>(heights, talus, factor, amount, scale, w, h, 0, 0, i);
+    });
+    q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
+        const halden::core::cell b = border_cell(k, w, h);
+        settle_fixed_at<true>(heights, talus, factor, amount, scale, w, h, b.x, b.y, std::ptrdiff_t(b.y) * w + b.x);
+    });
 }
 
 Thermal::Thermal(queue& q, float* h_heights, const float* h_mask, float* h_deposition, const float* h_hardness,

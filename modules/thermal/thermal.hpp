@@ -63,10 +63,20 @@ void prepare_level(halden::compute::queue& q, float* talus, float* rates, const 
 // stands for `rate` everywhere.
 void outflow(halden::compute::queue& q, const float* heights, const float* talus, const float* rates, float rate,
              float* factor, int w, int h);
+// The same, each cell sending at most cap[i] in all: for loose material over
+// a fixed floor, where a cell holds only so much that can slide.
+void outflow(halden::compute::queue& q, const float* heights, const float* talus, const float* rates, float rate,
+             const float* cap, float* factor, int w, int h);
 // One iteration's second gather: new heights, and the material moved and
 // resting on each cell (unless `moved` and `resting` are null).
 void settle(halden::compute::queue& q, const float* heights, const float* talus, const float* factor, float* next,
             float* moved, float* resting, int w, int h);
+// The second gather in fixed point: amount[i] (units of 2^-shift height)
+// gains what cell i receives and loses what it sends, each transfer
+// truncated once to whole units. Sender and receiver form the same product
+// and truncate it alike, so the total is kept exactly.
+void settle_fixed(halden::compute::queue& q, const float* heights, const float* talus, const float* factor,
+                  std::int64_t* amount, int shift, int w, int h);
 
 class Thermal {
 public:

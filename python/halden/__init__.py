@@ -27,18 +27,19 @@ run on the thread that made the call; one that uses or closes the queue of the
 call running it raises RuntimeError.
 
 Progress and cancel follow what the library reports for each operation:
-flow(), thermal_erode(), erode() and cellular() take `progress`, a
-callable(percent) called as the run advances, or True for a text bar on
-stderr, and `cancel`, a callable polled as it runs; shade() and rasterize()
-take `cancel` only; median_filter(), blur(), thermal_shape(), stamp() and
-debris() take neither. A true return from either callback stops the run with
-Cancelled, and the inputs stay as they were.
+flow(), color_transport(), thermal_erode(), erode(), dunes(), cellular() and
+sunlight() take `progress`, a callable(percent) called as the run advances,
+or True for a text bar on stderr, and `cancel`, a callable polled as it runs;
+shade() and rasterize() take `cancel` only; median_filter(), blur(),
+thermal_shape(), stamp() and debris() take neither. A true return from either
+callback stops the run with Cancelled, and the inputs stay as they were.
 
 The operations live in one module per family and are all re-exported here:
 queues (Device, devices, Queue), filters (median_filter, blur), shaping
-(thermal_shape), erosion (thermal_erode, Weathering, erode, Erosion),
-flowmaps (flow), lighting (shade, Shading), meshes (rasterize), noise
-(cellular), stamping (stamp, Stamping) and rockfall (debris, Debris).
+(thermal_shape), erosion (thermal_erode, Weathering, erode, Erosion), wind
+(dunes), flowmaps (flow), colour (color_transport), lighting (shade, Shading,
+sunlight, Sunlight), meshes (rasterize), noise (cellular), stamping (stamp,
+Stamping) and rockfall (debris, Debris).
 
 The shared library is loaded from the path in the environment variable
 HALDEN_LIBRARY when that is set, else from libHalden.AdaptiveCpp.so (or
@@ -46,6 +47,7 @@ libHalden.AdaptiveCpp.so.*) next to this file.
 """
 
 from ._calls import Cancelled, HaldenError
+from .colour import color_transport
 from .erosion import Erosion, Weathering, erode, thermal_erode
 from .filters import blur, median_filter
 from .flowmaps import flow
@@ -56,12 +58,14 @@ from .queues import Device, Queue, devices
 from .rockfall import Debris, debris
 from .shaping import thermal_shape
 from .stamping import Stamping, stamp
+from .sunlight import Sunlight, sunlight
+from .wind import dunes
 
-__all__ = ["Cancelled", "Debris", "Device", "Erosion", "HaldenError", "Queue", "Shading", "Stamping", "Weathering",
-           "blur", "cellular", "debris", "devices", "erode", "flow", "median_filter", "rasterize", "shade", "stamp",
-           "thermal_erode", "thermal_shape"]
+__all__ = ["Cancelled", "Debris", "Device", "Erosion", "HaldenError", "Queue", "Shading", "Stamping", "Sunlight",
+           "Weathering", "blur", "cellular", "color_transport", "debris", "devices", "dunes", "erode", "flow",
+           "median_filter", "rasterize", "shade", "stamp", "sunlight", "thermal_erode", "thermal_shape"]
 
 # Tracebacks and reprs then name the classes where users find them.
-for _public in (Cancelled, Debris, Device, Erosion, HaldenError, Queue, Shading, Stamping, Weathering):
+for _public in (Cancelled, Debris, Device, Erosion, HaldenError, Queue, Shading, Stamping, Sunlight, Weathering):
     _public.__module__ = __name__
 del _public

@@ -105,6 +105,12 @@ class FlowParameters(ctypes.Structure):
     _fields_ = [("width", i32), ("height", i32), ("length", f32), ("accumulation", f32), ("seed", u32)]
 
 
+@_record("halden_color_transport_parameters")
+class ColorTransportParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("seed", u32), ("length", f32), ("pickup_rate", f32),
+                ("deposit_weight", f32), ("strength", f32), ("saturation", f32)]
+
+
 @_record("halden_lighting_parameters")
 class LightingParameters(ctypes.Structure):
     _fields_ = [("width", i32), ("height", i32), ("terrain_size", f32), ("height_scale", f32),
@@ -114,6 +120,23 @@ class LightingParameters(ctypes.Structure):
                 ("sky_color", f32 * 3), ("exposure", f32), ("reserved92", u8 * 20), ("sun_enabled", u8),
                 ("sky_enabled", u8), ("shadows_enabled", u8), ("ao_enabled", u8), ("ao_from_caller", u8),
                 ("padding", u8 * 3)]
+
+
+@_record("halden_sunlight_parameters")
+class SunLightParameters(ctypes.Structure):
+    _fields_ = [("width", i32), ("height", i32), ("terrain_size", f32), ("height_scale", f32), ("latitude", f32),
+                ("first_day", i32), ("last_day", i32), ("day_step", i32), ("time_step", f32), ("atmosphere", i32),
+                ("linke_turbidity", f32), ("transmittance", f32), ("site_elevation", f32), ("albedo", f32),
+                ("sky_directions", i32), ("diffuse", u8), ("relative", u8), ("reserved", u8 * 2)]
+
+
+@_record("halden_dune_parameters")
+class DuneParameters(ctypes.Structure):
+    _fields_ = [("size", i32), ("cell_size", f32), ("height_scale", f32), ("wind_direction", f32),
+                ("wind_speed", f32), ("second_wind_direction", f32), ("second_wind_speed", f32),
+                ("second_wind_share", f32), ("iterations", i32), ("slab", f32), ("hop_length", f32),
+                ("speed_up", f32), ("warp_strength", f32), ("shadow_angle_min", f32), ("shadow_angle_max", f32),
+                ("sand_repose", f32), ("bedrock_repose", f32), ("periodic", u32), ("abrasion", u32), ("seed", u32)]
 
 
 @_record("halden_mesh")
@@ -209,13 +232,19 @@ ParallelErosionSimulation = _declare("ParallelErosionSimulation", u32, QUEUE, *[
                                      ctypes.POINTER(ErosionParameters), TABLE_P)
 FlowSimulation = _declare("FlowSimulation", u32, QUEUE, ctypes.c_uint64, FLOATS, FLOATS,
                           ctypes.POINTER(FlowParameters), TABLE_P)
+ColorTransportSimulation = _declare("ColorTransportSimulation", u32, QUEUE, *[FLOATS] * 5,
+                                    ctypes.POINTER(ColorTransportParameters), TABLE_P)
 Shade = _declare("Shade", u32, QUEUE, *[FLOATS] * 10, ctypes.POINTER(LightingParameters), TABLE_P)
+SunLightIntegral = _declare("SunLightIntegral", u32, QUEUE, *[FLOATS] * 4, ctypes.POINTER(SunLightParameters),
+                            TABLE_P)
 MeshRasterizer_RenderMesh = _declare("MeshRasterizer_RenderMesh", u32, QUEUE, ctypes.POINTER(Mesh), FLOATS,
                                      FLOATS, ctypes.POINTER(RasterizerParameters), TABLE_P)
 Cellular3D_Render = _declare("Cellular3D_Render", u32, QUEUE, FLOATS, FLOATS, ctypes.POINTER(CellularParameters),
                              TABLE_P)
 DebrisSimulation = _declare("DebrisSimulation", u32, QUEUE, FLOATS, FLOATS, FLOATS, FLOATS, FLOATS,
                             ctypes.POINTER(DebrisParameters))
+DuneSimulation = _declare("DuneSimulation", u32, QUEUE, FLOATS, FLOATS, FLOATS, ctypes.POINTER(DuneParameters),
+                          TABLE_P)
 StampInstancer_Populate = _declare("StampInstancer_Populate", u32, QUEUE, FLOATS, ctypes.POINTER(Stamps), FLOATS,
                                    ctypes.POINTER(StampInstance), UINTS, FLOATS, ctypes.POINTER(StampParameters),
                                    TABLE_P)

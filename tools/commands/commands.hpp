@@ -27,6 +27,9 @@
     X(cellular, "cellular", "render 3-D cellular noise, flat or following a height grid")                     \
     X(stamp, "stamp", "scatter copies of stamp grids (rocks, craters) over a height grid and blend them in")  \
     X(debris, "debris", "let rocks break off steep slopes and settle as scree and boulders")                  \
+    X(color_transport, "color-transport", "carry colour downstream along the flow of water")                  \
+    X(sunlight, "sunlight", "sum a day's or a season's sunlight over a height grid, with terrain shadows")    \
+    X(dunes, "dunes", "blow the sand lying on a bedrock grid into dunes")                                     \
     X(demo, "demo", "shape, erode, flow-map and shade a generated terrain and a real one into pictures")
 
 namespace commands {

@@ -2,6 +2,7 @@
 // halden demo: median-filters, shapes, erodes, flow-maps and shades a
 // generated terrain and a real elevation model into pictures, timing every
 // step, on one device or on all of them, compared bit for bit.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -194,7 +195,8 @@ class DemoCommand final : public cli::Command {
         d.text("--out", dir_, "DIR",
                "the folder for the results (default demo-output): relief.png (the shaded relief), flow.png (the "
                "flow map over the relief), eroded.png (the relief after erosion), cells.png (cellular cracks "
-               "over the relief), craters.png (stamped craters), debris.png (rockfall scree), terrain.npy, "
+               "over the relief), sunlight.png (a midwinter day's sunlight), craters.png (stamped craters), "
+               "debris.png (rockfall scree), colour.png (colour carried down the rivers), terrain.npy, "
                "median.npy, thermal.npy, flow.npy and eroded.npy, and for the real model the same pictures "
                "prefixed dem-");
         dem_option_ = &d.text(
@@ -395,6 +397,40 @@ class DemoCommand final : public cli::Command {
             }
             if (const int code = picture(prefix + "cells.png", tinted); code != cli::kOk) return code;
         }
+        // A midwinter day's sunlight at 45 degrees north, relative to flat
+        // open ground, from dark blue (shade) to pale yellow (sunny slopes)
+        // as PREFIXsunlight.png. Shadows trace a square: a wide map is
+        // padded by repeating its last row or column.
+        const Grid sun = demo.run(prefix + "sunlight", shaped, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+            const uint32_t side = std::max(g.width, g.height);
+            std::vector<float> square(size_t{side} * side), light(square.size());
+            for (uint32_t y = 0; y < side; ++y)
+                for (uint32_t x = 0; x < side; ++x)
+                    square[size_t{y} * side + x] =
+                        g.cells[size_t{std::min(y, g.height - 1)} * g.width + std::min(x, g.width - 1)];
+            const halden_sunlight_parameters p = {static_cast<int32_t>(side), static_cast<int32_t>(side),
+                                                  extent * static_cast<float>(side) / static_cast<float>(g.width),
+                                                  kPictureRelief, 45.0f, 355, 355, 1, 15.0f, 0, 3.0f, 0.7f, 0.0f,
+                                                  0.2f, 16, 1, 1, {0, 0}};
+            const uint32_t status = cli::timed(mcells, t, [&] {
+                return SunLightIntegral(q, square.data(), light.data(), nullptr, nullptr, &p, cli::callbacks());
+            });
+            for (uint32_t y = 0; y < g.height; ++y)
+                for (uint32_t x = 0; x < g.width; ++x) g.cells[size_t{y} * g.width + x] = light[size_t{y} * side + x];
+            return status;
+        });
+        if (cli::interrupted()) return cancelled();
+        if (!sun.cells.empty()) {
+            Grid ramp = planes;
+            const size_t cells = sun.cells.size();
+            for (size_t i = 0; i < cells; ++i) {
+                const float v = std::min(1.0f, std::max(0.0f, sun.cells[i] / 1.6f));
+                ramp.cells[i] = 0.08f + 0.92f * v;
+                ramp.cells[i + cells] = 0.12f + 0.8f * v;
+                ramp.cells[i + 2 * cells] = 0.35f + 0.2f * v;
+            }
+            if (const int code = picture(prefix + "sunlight.png", ramp); code != cli::kOk) return code;
+        }
         // Craters: bowls with raised rims, a generated 64 x 64 stamp, added
         // to the shaped terrain at Poisson-disk spaced centres, from a
         // sixtieth to an eighth of the map across, shaded as PREFIXcraters.png.
@@ -468,6 +504,38 @@ class DemoCommand final : public cli::Command {
             if (cli::interrupted()) return cancelled();
             if (!eroded_planes.cells.empty())
                 if (const int code = picture(prefix + "eroded.png", eroded_planes); code != cli::kOk) return code;
+            // Colour carried by the rivers: bands of colour by elevation
+            // (sand, grass, red rock, snow) carried down the eroded terrain,
+            // lit by its relief, as PREFIXcolour.png.
+            if (!eroded_planes.cells.empty()) {
+                static constexpr float palette[4][3] = {
+                    {0.75f, 0.6f, 0.35f}, {0.3f, 0.5f, 0.2f}, {0.6f, 0.3f, 0.2f}, {0.85f, 0.85f, 0.9f}};
+                const size_t cells = eroded.cells.size();
+                const auto [low, high] = std::minmax_element(eroded.cells.begin(), eroded.cells.end());
+                const float base = *low, span = *high > *low ? *high - *low : 1.0f;
+                Grid bands{eroded.width, eroded.height, std::vector<float>(3 * cells), {}};
+                for (size_t i = 0; i < cells; ++i) {
+                    const int band = std::min(3, static_cast<int>(4.0f * (eroded.cells[i] - base) / span));
+                    for (size_t k = 0; k < 3; ++k) bands.cells[k * cells + i] = palette[band][k];
+                }
+                const Grid carried =
+                    demo.run(prefix + "colour transport", bands, mcells, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                        const halden_color_transport_parameters p = {static_cast<int32_t>(g.width),
+                                                                     static_cast<int32_t>(g.height), 1, 0.5f, 0.02f,
+                                                                     1.0f, 1.0f, 2.0f};
+                        float* rgb = g.cells.data();
+                        return cli::timed(mcells, t, [&] {
+                            return ColorTransportSimulation(q, eroded.cells.data(), rgb, rgb + cells, rgb + 2 * cells,
+                                                            nullptr, &p, cli::callbacks());
+                        });
+                    });
+                if (cli::interrupted()) return cancelled();
+                if (!carried.cells.empty()) {
+                    Grid lit = eroded_planes;
+                    for (size_t i = 0; i < 3 * cells; ++i) lit.cells[i] *= 1.6f * carried.cells[i];
+                    if (const int code = picture(prefix + "colour.png", lit); code != cli::kOk) return code;
+                }
+            }
         }
         // Rockfall on the eroded terrain: rocks half a cell to two cells in
         // radius break off its steepest flanks (the map is gentle, so the

@@ -1,0 +1,314 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "modules/color_transport/color_transport.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+#include <vector>
+
+#include "core/checks.hpp"
+#include "device/messages.hpp"
+
+namespace color_transport {
+
+using halden::compute::queue;
+using halden::compute::range;
+using halden::compute::usm_ptr;
+using halden::core::fixed_point;
+
+halden_callbacks callbacks{};
+
+std::string check(const Parameters& p) {
+    using halden::core::got;
+    if (std::string problem = flow::check(flow_parameters(p)); !problem.empty()) return problem;
+    if (!halden::core::within(p.pickup_rate, 0.0f, 1.0f)) return "pickup_rate must lie in [0, 1]" + got(p.pickup_rate);
+    if (!halden::core::positive_finite(p.deposit_weight))
+        return "deposit_weight must be positive and finite" + got(p.deposit_weight);
+    if (!halden::core::within(p.strength, 0.0f, 1.0f)) return "strength must lie in [0, 1]" + got(p.strength);
+    if (!(p.saturation >= 0.0f) || !std::isfinite(p.saturation))
+        return "saturation must be finite and at least 0" + got(p.saturation);
+    return {};
+}
+
+namespace {
+
+// The first cell of `v` that fails `ok`, or -1.
+template <class Ok>
+std::int64_t first_bad(const float* v, std::size_t n, Ok ok) {
+    for (std::size_t i = 0; i < n; ++i)
+        if (!ok(v[i])) return std::int64_t(i);
+    return -1;
+}
+
+std::string at_cell(std::int64_t i, const Parameters& p) {
+    return " (cell x " + std::to_string(i % p.width) + ", y " + std::to_string(i / p.width) + ")";
+}
+
+}  // namespace
+
+std::string check_grids(const Parameters& p, const float* heights, const float* red, const float* green,
+                        const float* blue, const float* mask) {
+    const std::size_t n = std::size_t(p.width) * std::size_t(p.height);
+    const auto finite = [](float v) { return std::isfinite(v); };
+    const struct {
+        const char* name;
+        const float* grid;
+    } grids[] = {{"heights", heights}, {"red", red}, {"green", green}, {"blue", blue}};
+    for (const auto& g : grids)
+        if (const std::int64_t i = first_bad(g.grid, n, finite); i >= 0)
+            return std::string(g.name) + " must be finite" + at_cell(i, p);
+    if (mask)
+        if (const std::int64_t i = first_bad(mask, n, [](float v) { return v >= 0.0f && v <= 1.0f; }); i >= 0)
+            return "mask values must lie in [0, 1]" + at_cell(i, p);
+    return {};
+}
+
+std::uint64_t memory_estimate(const Parameters& p) {
+    // Surface, scratch and pyramid 16, colours 16 (and 12 planar), tallies
+    // 32, mask 4, particles with ids 12.
+    return 92u * std::uint64_t(p.width) * std::uint64_t(p.height);
+}
+
+flow::Parameters flow_parameters(const Parameters& p) { return {p.width, p.height, p.length, 0.0f, p.seed}; }
+
+fixed_point tally_scale(const Parameters& p, float spread, std::uint64_t particles) {
+    // A trace visits a cell at most once per move, so no cell sees more
+    // visits than all traces make together.
+    const std::uint64_t longs = std::min<std::uint64_t>(particles, flow::long_particles);
+    const double long_moves = double(float(p.width) * p.length + 2.0f);
+    const double visits = double(particles) * double(flow::short_steps) + double(longs) * long_moves;
+    // Carried colours are blends of the grid's, so a difference stays within
+    // the spread; the factor 2 leaves room for rounding.
+    const double bound = 2.0 * double(spread) * visits;
+    // Colours near the float limit: the tallies may overflow, which the run
+    // reports.
+    if (!std::isfinite(bound)) return {0};
+    int e = 0;
+    std::frexp(bound, &e);  // bound < 2^e
+    const int shift = bound > 0.0 ? std::clamp(61 - e, 0, 62) : 62;
+    return {shift};
+}
+
+ColorTransport::ColorTransport(queue& q, const Parameters& parameters, const float* h_heights, float* h_red,
+                               float* h_green, float* h_blue, const float* h_mask, const halden_callbacks* callbacks)
+    : m_queue(q),
+      m_parameters(parameters),
+      m_callbacks(halden::complete(callbacks)),
+      m_heights(h_heights),
+      m_red(h_red),
+      m_green(h_green),
+      m_blue(h_blue),
+      m_mask(h_mask) {
+    const std::string problem = check(m_parameters);
+    if (!problem.empty()) throw std::invalid_argument(problem);
+}
+
+ColorTransport::~ColorTransport() {
+    try {
+        m_queue.synchronize();
+    } catch (...) {
+    }
+}
+
+namespace {
+
+// The tracers' sink: a trace carries a colour, which moves toward each
+// visited cell's colour by the pickup rate; the visit tallies the carried
+// colour minus the cell's own. The carried colour is kept as the cell's plus
+// the part of the difference that remains (`keep` = 1 - pickup rate), so that
+// an equal colour or a full pickup leaves a difference of exactly zero.
+struct carry_colour {
+    const rgba* colours;
+    tally* tallies;
+    float keep;
+    fixed_point scale;
+    std::uint32_t* overflow;
+
+    struct carried {
+        float r, g, b;
+        rgba at;  // the colour of the cell visited next
+    };
+    struct pending {
+        int cell;
+        float r, g, b;
+    };
+    HALDEN_HD carried start(int cell) const {
+        const rgba c = colours[cell];
+        return {c.r, c.g, c.b, c};
+    }
+    // The colours and tallies outgrow the caches where the flow's counts do
+    // not: the colour is loaded, and the tally fetched, ahead of the visit.
+    HALDEN_HD void ahead(carried& k, int cell) const {
+        k.at = colours[cell];
+        flow::tracing::prefetch(&tallies[cell]);
+    }
+    HALDEN_HD pending visit(carried& k, int cell) const {
+        const rgba c = k.at;
+        const pending v{cell, keep * (k.r - c.r), keep * (k.g - c.g), keep * (k.b - c.b)};
+        k.r = c.r + v.r, k.g = c.g + v.g, k.b = c.b + v.b;
+        return v;
+    }
+    HALDEN_HD void apply(const pending& v) const {
+        tally& t = tallies[v.cell];
+        halden::core::accumulate(&t.r, v.r, scale, overflow);
+        halden::core::accumulate(&t.g, v.g, scale, overflow);
+        halden::core::accumulate(&t.b, v.b, scale, overflow);
+        halden::compute::atomic_add(&t.visits, std::int64_t(1));
+    }
+};
+
+}  // namespace
+
+void ColorTransport::gather(const usm_ptr<float, 1>& planar, usm_ptr<rgba, 1>& colours, usm_ptr<tally, 1>& tallies) {
+    const std::size_t n = colours.size();
+    const float* d_planar = planar.get();
+    rgba* d_colours = colours.get();
+    tally* d_tallies = tallies.get();
+    m_queue.parallel_for(
+        range<1>{n}, HALDEN_KERNEL(std::size_t i) {
+            d_colours[i] = {d_planar[i], d_planar[n + i], d_planar[2 * n + i], 0.0f};
+            d_tallies[i] = {0, 0, 0, 0};
+        });
+}
+
+void ColorTransport::carry(const flow::tracing::trace_launch& launch, const usm_ptr<rgba, 1>& colours,
+                           usm_ptr<tally, 1>& tallies, fixed_point scale) {
+    if (!m_claimed.get()) m_claimed = usm_ptr<std::int32_t, 1>(m_queue, {1}, "trace counter");
+    const carry_colour sink{colours.get(), tallies.get(), 1.0f - m_parameters.pickup_rate, scale, m_overflow.get()};
+    flow::tracing::run_traces(m_queue, launch, sink, m_claimed.get());
+}
+
+void ColorTransport::blend(const usm_ptr<rgba, 1>& colours, const usm_ptr<tally, 1>& tallies, const grid& mask,
+                           fixed_point scale, usm_ptr<float, 1>& planar) {
+    const std::size_t n = colours.size();
+    const rgba* d_colours = colours.get();
+    const tally* d_tallies = tallies.get();
+    const float* d_mask = mask.get();
+    float* d_planar = planar.get();
+    // w / (w + saturation) with w = visits * weight, written so that no
+    // weight overflows: saturation / weight is finite or infinite, never NaN.
+    const float half_visits = m_parameters.saturation / m_parameters.deposit_weight;
+    const float strength = m_parameters.strength;
+    m_queue.parallel_for(
+        range<1>{n}, HALDEN_KERNEL(std::size_t i) {
+            const tally t = d_tallies[i];
+            const rgba c = d_colours[i];
+            float f = 0.0f, dr = 0.0f, dg = 0.0f, db = 0.0f;
+            if (t.visits > 0) {
+                const float visits = float(t.visits);
+                f = strength * (visits / (visits + half_visits)) * (d_mask ? d_mask[i] : 1.0f);
+                dr = scale.decode(t.r) / visits;
+                dg = scale.decode(t.g) / visits;
+                db = scale.decode(t.b) / visits;
+            }
+            // A zero difference leaves the colour's bits as they were.
+            d_planar[i] = c.r + dr * f;
+            d_planar[n + i] = c.g + dg * f;
+            d_planar[2 * n + i] = c.b + db * f;
+        });
+}
+
+bool ColorTransport::report_progress(double done) {
+    m_queue.synchronize();
+    const bool stop = m_callbacks.progress(float(100.0 * done / 64.0)) != 0;
+    return !stop && m_callbacks.cancel() == 0;
+}
+
+bool ColorTransport::process() {
+    const Parameters& p = m_parameters;
+    const flow::Parameters fp = flow_parameters(p);
+    const std::size_t n = std::size_t(p.width) * std::size_t(p.height);
+
+    // The flow module fills the pits and reports the first half of the
+    // progress; the traces take the second, a batch at a time.
+    flow::Flow surface(m_queue, fp, HALDEN_FLOW_NO_MASK, m_heights, nullptr, &m_callbacks);
+    if (!surface.fill_surface()) return false;
+    std::vector<flow::vec2> starts = flow::plan::seed_particles(fp, nullptr);
+
+    usm_ptr<float, 1> planar(m_queue, {3 * n}, "colours");
+    m_queue.copy(m_red, planar.get(), n * sizeof(float));
+    m_queue.copy(m_green, planar.get() + n, n * sizeof(float));
+    m_queue.copy(m_blue, planar.get() + 2 * n, n * sizeof(float));
+    usm_ptr<rgba, 1> colours(m_queue, {n}, "colours");
+    usm_ptr<tally, 1> tallies(m_queue, {n}, "colour tallies");
+    gather(planar, colours, tallies);
+    grid mask;
+    if (m_mask) {
+        mask = grid(m_queue, surface.working_heights().extent(), "mask");
+        mask.copy_from_host(m_mask);
+    }
+    m_overflow = usm_ptr<std::uint32_t, 1>(m_queue, {1}, "overflow flag");
+    const std::uint32_t clear = 0;
+    m_queue.copy(&clear, m_overflow.get(), sizeof clear);
+
+    // The spread of each channel bounds what a visit can tally.
+    float spread = 0.0f;
+    for (const float* c : {m_red, m_green, m_blue}) {
+        const auto [lo, hi] = std::minmax_element(c, c + n);
+        spread = std::max(spread, *hi - *lo);
+    }
+    const unsigned n_particles = unsigned(starts.size());
+    const fixed_point scale = tally_scale(p, spread, n_particles);
+
+    // The flow map's particles, batches and launch order, so that colour
+    // runs down the same paths as the map's flow.
+    flow::plan::shuffle(starts, p.seed);
+    std::vector<flow::vec2> table = flow::plan::directions();
+    flow::plan::shuffle(table, p.seed + 14u);
+    std::vector<flow::vec2> ordered(starts.size());
+    std::vector<std::uint32_t> ordered_ids(starts.size());
+    flow::plan::launch_order(starts, p.width, p.height, ordered.data(), ordered_ids.data());
+    starts = std::vector<flow::vec2>();
+    usm_ptr<flow::vec2, 1> particles(m_queue, {ordered.size()}, "particles");
+    usm_ptr<std::uint32_t, 1> ids(m_queue, {ordered.size()}, "particle ids");
+    usm_ptr<flow::vec2, 1> directions(m_queue, {table.size()}, "directions");
+    particles.copy_from_host(ordered.data());
+    ids.copy_from_host(ordered_ids.data());
+    directions.copy_from_host(table.data());
+    m_queue.synchronize();
+    ordered = std::vector<flow::vec2>();
+    ordered_ids = std::vector<std::uint32_t>();
+
+    const unsigned batch = (n_particles + flow::batches - 1) / flow::batches;
+    const unsigned long_count = std::min(n_particles, flow::long_particles) / flow::batches;
+    const unsigned long_steps = unsigned(float(p.width) * p.length + 2.0f);
+    const flow::tracing::surface ground{surface.working_heights().get(), p.width, p.height};
+    double done = 32.0;
+    bool go_on = report_progress(done);
+    for (unsigned o = 0; go_on && o < n_particles; o += batch) {
+        const unsigned count = std::min(n_particles - o, batch);
+        const unsigned shorts = count > long_count ? count - long_count : 0;
+        const flow::tracing::trace_launch launch{particles.get() + o,
+                                                 ids.get() + o,
+                                                 0,
+                                                 o + shorts,
+                                                 count,
+                                                 flow::tracing::limits_for(flow::short_steps),
+                                                 flow::tracing::limits_for(long_steps),
+                                                 ground,
+                                                 directions.get(),
+                                                 p.seed,
+                                                 nullptr};
+        carry(launch, colours, tallies, scale);
+        done += 32.0 / flow::batches;
+        go_on = report_progress(done);
+    }
+    if (!go_on) return false;
+
+    std::uint32_t overflowed = 0;
+    m_queue.copy(m_overflow.get(), &overflowed, sizeof overflowed);
+    m_queue.synchronize();
+    if (overflowed) throw std::runtime_error("colour tallies overflowed their fixed-point range");
+    blend(colours, tallies, mask, scale, planar);
+    // A failed device leaves the caller's colours as they were.
+    m_queue.synchronize();
+    if (!m_queue.has_pending_errors()) {
+        m_queue.copy(planar.get(), m_red, n * sizeof(float));
+        m_queue.copy(planar.get() + n, m_green, n * sizeof(float));
+        m_queue.copy(planar.get() + 2 * n, m_blue, n * sizeof(float));
+        m_queue.synchronize();
+    }
+    return true;
+}
+
+}  // namespace color_transport
