@@ -47,6 +47,19 @@ inline compute::range<2> half_extent(compute::range<2> fine) { return {(fine.row
 
 HALDEN_HD inline int clamp_index(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
+// floor(v) as an int, for v within int's range, without a call to floorf.
+HALDEN_HD inline int floor_index(float v) {
+    const int i = int(v);
+    return float(i) > v ? i - 1 : i;
+}
+
+// v modulo n in [0, n), for grids and lattices that repeat with period n.
+HALDEN_HD inline int wrap_index(int v, int n) {
+    if (v >= 0 && v < n) return v;  // nearly always: no division
+    v %= n;
+    return v < 0 ? v + n : v;
+}
+
 // Stencil kernels run their interior, where every neighbour exists, without
 // bounds tests (so the host compiler can vectorise it), and the ring of
 // border cells separately. The ring: the first and last rows, then the

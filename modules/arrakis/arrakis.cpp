@@ -49,20 +49,9 @@ std::string in_range(const char* field, float v, float lo, float hi) {
     return std::string(field) + " must lie in [" + std::to_string(lo) + ", " + std::to_string(hi) + "]" + got(v);
 }
 
-HALDEN_HD inline int floor_i(float v) {
-    const int i = int(v);
-    return float(i) > v ? i - 1 : i;
-}
-
-HALDEN_HD inline int wrap(int v, int n) {
-    if (v >= 0 && v < n) return v;  // nearly always: no division
-    v %= n;
-    return v < 0 ? v + n : v;
-}
-
 // Neighbour indices wrap on periodic grids and are clamped otherwise.
 HALDEN_HD inline int edge(int v, int n, bool periodic) {
-    return periodic ? wrap(v, n) : halden::core::clamp_index(v, 0, n - 1);
+    return periodic ? halden::core::wrap_index(v, n) : halden::core::clamp_index(v, 0, n - 1);
 }
 
 HALDEN_HD inline std::int64_t to_fixed(float v) {
@@ -80,7 +69,7 @@ HALDEN_HD inline std::int64_t part(std::int64_t a, std::int64_t w) {
 }
 
 HALDEN_HD inline float sample(const float* g, int n, float px, float py, bool periodic) {
-    const int x0 = floor_i(px), y0 = floor_i(py);
+    const int x0 = halden::core::floor_index(px), y0 = halden::core::floor_index(py);
     const float fx = px - float(x0), fy = py - float(y0);
     // Inside the grid, as nearly every sample is, no edge rule applies.
     const bool inside = x0 >= 0 && y0 >= 0 && x0 < n - 1 && y0 < n - 1;
@@ -137,8 +126,8 @@ HALDEN_HD inline float shadow_at(const float* heights, int x, int y, float ux, f
 HALDEN_HD inline void land(std::int64_t* landed, int n, bool periodic, int x, int y, std::int64_t amount) {
     if (amount == 0) return;
     if (periodic) {
-        x = wrap(x, n);
-        y = wrap(y, n);
+        x = halden::core::wrap_index(x, n);
+        y = halden::core::wrap_index(y, n);
     } else if (x < 0 || y < 0 || x >= n || y >= n) {
         return;  // blown off the grid
     }
@@ -333,7 +322,7 @@ void Arrakis::lift_and_hop(const wind_constants& k) {
             const float jitter =
                 0.75f + 0.5f * halden::uniform_f(halden::counter_state(k.seed, std::uint32_t(i), k.round));
             const float px = float(x) + w.vx * k.hop * jitter, py = float(y) + w.vy * k.hop * jitter;
-            const int x0 = floor_i(px), y0 = floor_i(py);
+            const int x0 = halden::core::floor_index(px), y0 = halden::core::floor_index(py);
             const std::int64_t wx = min_of(float(int((px - float(x0)) * 256.0f)), 255.0f);
             const std::int64_t wy = min_of(float(int((py - float(y0)) * 256.0f)), 255.0f);
             // The four shares are whole units that add up to `moving`.

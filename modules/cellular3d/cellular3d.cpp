@@ -83,11 +83,6 @@ struct nearest {
 
 HALDEN_HD inline float abs_of(float v) { return v < 0.0f ? -v : v; }
 
-HALDEN_HD inline int wrap(int v, int period) {
-    const int m = v % period;
-    return m < 0 ? m + period : m;
-}
-
 // The lattice cell of u and the place of u inside it. u - floor(u) is exact
 // in double; only its rounding to float is left.
 HALDEN_HD inline void split(double u, int& cell, float& place) {
@@ -100,11 +95,12 @@ HALDEN_HD inline void split(double u, int& cell, float& place) {
 // The feature of the lattice cell (dx, dy, dz) away from the sample's cell
 // (cx, cy, cz). Its coordinates wrap with the octave's period before they
 // are hashed, so periodic copies share their features.
-HALDEN_HD CELLULAR_INLINE feature feature_at(const octave& o, int cx, int cy, int cz, int dx, int dy, int dz, float jitter) {
+HALDEN_HD CELLULAR_INLINE feature feature_at(const octave& o, int cx, int cy, int cz, int dx, int dy, int dz,
+                                             float jitter) {
     int x = cx + dx, y = cy + dy;
     if (o.period > 0) {
-        x = wrap(x, o.period);
-        y = wrap(y, o.period);
+        x = halden::core::wrap_index(x, o.period);
+        y = halden::core::wrap_index(y, o.period);
     }
     const halden::hash3 h =
         halden::pcg3d({std::uint32_t(x) + o.sx, std::uint32_t(y) + o.sy, std::uint32_t(cz + dz) + o.sz});
@@ -312,7 +308,7 @@ HALDEN_HD inline float finish(const context& c, const plan& p, const sample& s, 
 // nearest (first in block order on ties).
 template <int M, bool Id>
 HALDEN_HD CELLULAR_INLINE void block_pass(const float* bx, const float* by, const float* bz, const float* fx, float fy,
-                                 const float* fz, float* k1, float* k2, int* best, int count, float e) {
+                                          const float* fz, float* k1, float* k2, int* best, int count, float e) {
     for (int i = 0; i < count; ++i) {
         const float sx = fx[i], sz = fz[i];
         float a = kInf, b = kInf;

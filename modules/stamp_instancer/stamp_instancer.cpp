@@ -24,6 +24,7 @@ halden_callbacks callbacks{};
 
 namespace {
 
+using halden::core::clamp_index;
 using halden::core::got;
 
 bool finite(float v) { return std::isfinite(v); }
@@ -210,24 +211,18 @@ void place_poisson(const Parameters& p, const terrain& t, std::uint32_t stamp_co
 
 // Kernel helpers.
 
-HALDEN_HD inline int floor_int(float v) {
-    const int i = int(v);
-    return float(i) > v ? i - 1 : i;
-}
-
 // Texel index i clamped to [0, n - 1]: edge texels repeat past the edge.
-HALDEN_HD inline int clamp_texel(int i, int n) { return i < 0 ? 0 : (i >= n ? n - 1 : i); }
 
 // f = 0 gives a exactly, and equal ends give that value for every f.
 HALDEN_HD inline float lerp(float a, float b, float f) { return a + f * (b - a); }
 
 HALDEN_HD inline float bilinear(const float* t, int w, int h, float u, float v) {
     const float tu = u - 0.5f, tv = v - 0.5f;
-    const int x = floor_int(tu), y = floor_int(tv);
+    const int x = halden::core::floor_index(tu), y = halden::core::floor_index(tv);
     const float fx = tu - float(x), fy = tv - float(y);
-    const int x0 = clamp_texel(x, w), x1 = clamp_texel(x + 1, w);
-    const float* r0 = t + std::size_t(clamp_texel(y, h)) * std::size_t(w);
-    const float* r1 = t + std::size_t(clamp_texel(y + 1, h)) * std::size_t(w);
+    const int x0 = clamp_index(x, 0, w - 1), x1 = clamp_index(x + 1, 0, w - 1);
+    const float* r0 = t + std::size_t(clamp_index(y, 0, h - 1)) * std::size_t(w);
+    const float* r1 = t + std::size_t(clamp_index(y + 1, 0, h - 1)) * std::size_t(w);
     return lerp(lerp(r0[x0], r0[x1], fx), lerp(r1[x0], r1[x1], fx), fy);
 }
 
@@ -243,13 +238,13 @@ HALDEN_HD inline cubic_weights catmull_rom(float f) {
 
 HALDEN_HD inline float bicubic(const float* t, int w, int h, float u, float v) {
     const float tu = u - 0.5f, tv = v - 0.5f;
-    const int x = floor_int(tu), y = floor_int(tv);
+    const int x = halden::core::floor_index(tu), y = halden::core::floor_index(tv);
     const cubic_weights wx = catmull_rom(tu - float(x)), wy = catmull_rom(tv - float(y));
-    const int x0 = clamp_texel(x - 1, w), x1 = clamp_texel(x, w), x2 = clamp_texel(x + 1, w),
-              x3 = clamp_texel(x + 2, w);
+    const int x0 = clamp_index(x - 1, 0, w - 1), x1 = clamp_index(x, 0, w - 1), x2 = clamp_index(x + 1, 0, w - 1),
+              x3 = clamp_index(x + 2, 0, w - 1);
     float rows[4];
     for (int j = 0; j < 4; ++j) {
-        const float* r = t + std::size_t(clamp_texel(y - 1 + j, h)) * std::size_t(w);
+        const float* r = t + std::size_t(clamp_index(y - 1 + j, 0, h - 1)) * std::size_t(w);
         rows[j] = ((wx.w0 * r[x0] + wx.w1 * r[x1]) + wx.w2 * r[x2]) + wx.w3 * r[x3];
     }
     return ((wy.w0 * rows[0] + wy.w1 * rows[1]) + wy.w2 * rows[2]) + wy.w3 * rows[3];
@@ -290,7 +285,8 @@ HALDEN_HD inline void columns_inside(float a, float bu, float w, float c, float 
     float lo = float(c0), hi = float(c1);
     limit_columns(a, bu, w, x, lo, hi);
     limit_columns(c, bv, h, x, lo, hi);
-    const int first = lo >= float(c1) ? c1 : floor_int(lo), end = hi < float(c0) ? c0 : floor_int(hi) + 1;
+    const int first = lo >= float(c1) ? c1 : halden::core::floor_index(lo),
+              end = hi < float(c0) ? c0 : halden::core::floor_index(hi) + 1;
     c0 = first > c0 ? first : c0;
     c1 = end < c1 ? end : c1;
 }
