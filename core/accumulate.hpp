@@ -35,9 +35,12 @@ struct fixed_point {
             compute::atomic_or(overflow, 1u);
             return x < 0.0 ? -std::int64_t(0x3FFFFFFFFFFFFFFF) : std::int64_t(0x3FFFFFFFFFFFFFFF);
         }
-        // x + 0.5 is exact below 2^52 in magnitude; beyond it x is whole.
-        const double r = x < 0.0 ? -floor_d(0.5 - x) : floor_d(x + 0.5);
-        return std::int64_t(r);
+        // Half away from zero, without a branch on the sign, which a sum of
+        // differences makes unpredictable. |x| + 0.5 is exact below 2^52;
+        // beyond it x is whole.
+        const double a = x < 0.0 ? -x : x;
+        const std::int64_t m = std::int64_t(a < 4503599627370496.0 ? a + 0.5 : a);
+        return x < 0.0 ? -m : m;
     }
 
     // The float nearest to a fixed-point total: one rounding (the integer to
@@ -47,14 +50,6 @@ struct fixed_point {
     // Shifts from 0 to 62.
     HALDEN_HD double scale() const { return double(std::int64_t(1) << shift); }
     HALDEN_HD float inverse_scale() const { return bits_float(std::uint32_t(127 - shift) << 23); }
-
-private:
-    HALDEN_HD static double floor_d(double x) {
-        // Whole doubles and those past 2^52 are their own floor.
-        if (!(x < 4503599627370496.0 && x > -4503599627370496.0)) return x;
-        const double t = double(std::int64_t(x));
-        return t > x ? t - 1.0 : t;
-    }
 };
 
 // Adds v to a fixed-point total.

@@ -24,15 +24,13 @@ using halden::core::grid;
 // The module's copy of the caller's callback record, replaced on every call.
 extern halden_callbacks callbacks;
 
-// A cell's colour on the device, padded so that one load fetches it.
-struct alignas(16) rgba {
-    float r, g, b, a;
-};
-
-// A cell's tally: the carried-minus-own colour summed over its visits, and
-// the visit count. 32 bytes, so that a visit touches one cache line.
-struct alignas(32) tally {
-    std::int64_t r, g, b, visits;
+// A cell on the device: its colour, and its tally of the carried-minus-own
+// colour summed over its visits, with the visit count. A visit reads the one
+// and adds to the other, which a whole cache line per cell keeps to one
+// fetch: the grid outgrows the caches either way.
+struct alignas(64) cell_state {
+    float r, g, b, unused;
+    std::int64_t tr, tg, tb, visits;
 };
 
 // Why a record cannot be run (naming the field), or empty when it can.
@@ -67,16 +65,15 @@ public:
     // The whole operation; false when the caller cancelled.
     bool process();
 
-    // Interleaves the colours into `colours` and clears `tallies`.
-    void gather(const halden::compute::usm_ptr<float, 1>& planar, halden::compute::usm_ptr<rgba, 1>& colours,
-                halden::compute::usm_ptr<tally, 1>& tallies);
+    // Interleaves the colours into `cells` and clears their tallies.
+    void gather(const halden::compute::usm_ptr<float, 1>& planar, halden::compute::usm_ptr<cell_state, 1>& cells);
     // Runs one launch of traces, tallying the colour they carry.
-    void carry(const flow::tracing::trace_launch& launch, const halden::compute::usm_ptr<rgba, 1>& colours,
-               halden::compute::usm_ptr<tally, 1>& tallies, halden::core::fixed_point scale);
+    void carry(const flow::tracing::trace_launch& launch, halden::compute::usm_ptr<cell_state, 1>& cells,
+               halden::core::fixed_point scale);
     // Moves each colour toward the mean carried colour by strength times the
     // saturated visit weight times the mask, into `planar` (three planes).
-    void blend(const halden::compute::usm_ptr<rgba, 1>& colours, const halden::compute::usm_ptr<tally, 1>& tallies,
-               const grid& mask, halden::core::fixed_point scale, halden::compute::usm_ptr<float, 1>& planar);
+    void blend(const halden::compute::usm_ptr<cell_state, 1>& cells, const grid& mask, halden::core::fixed_point scale,
+               halden::compute::usm_ptr<float, 1>& planar);
 
 private:
     bool report_progress(double done);

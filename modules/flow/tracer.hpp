@@ -9,6 +9,7 @@
 //   pending visit(carried&, int cell) const: a visit, computed at once; its
 //                                         writes wait in the returned value
 //   void apply(const pending&) const:    the visit's writes (atomics)
+//   static constexpr int lanes:          traces per host lane group
 // The host runs a visit's writes one round late as well. A sink starts the
 // loads its visit needs in ahead() and fetches what apply() will write, so
 // that the lanes' moves overlap the waits.
@@ -169,9 +170,11 @@ HALDEN_HD inline void run_trace(const trace_launch& a, unsigned k, const Sink& s
 #  define HALDEN_FLOW_LANES _Pragma("omp simd")
 #endif
 
-// Traces run side by side in this many lanes of one host work item: one
-// trace's moves form a chain of dependent divisions, square roots and loads,
-// and the lanes' chains overlap, in vector registers where the set has them.
+// Traces run side by side in the lanes of one host work item: one trace's
+// moves form a chain of dependent divisions, square roots and loads, and the
+// lanes' chains overlap, in vector registers where the set has them. Eight
+// suit a sink whose writes stay in the caches; one whose visits miss them
+// wants more loads in flight.
 constexpr int lanes = 8;
 // Traces taken from the launch's shared counter at a time.
 constexpr int grab = 64;
@@ -201,12 +204,14 @@ HALDEN_HD inline float pick(std::uint32_t keep, float a, float b) {
 // The lanes' tracers, one array per field so that a move of all lanes
 // loads and stores whole vectors. A move reads one of two and writes the
 // other: every field is stored whole, never masked.
+template <int lanes>
 struct lane_state {
     float x[lanes], y[lanes], dx[lanes], dy[lanes], h[lanes], h_before[lanes], stalls[lanes];
     std::uint32_t s[lanes];
     int moves[lanes], cell[lanes], on[lanes];
 };
 // What the lanes' traces keep while they run.
+template <int lanes>
 struct lane_traces {
     float last_move[lanes], stall_limit[lanes];
     std::uint32_t idx[lanes], made[lanes];
@@ -216,8 +221,9 @@ struct lane_traces {
 // Moves lane l's tracer once. The lane loop's body is this call alone, so
 // that the simd lowering finds no aggregate in the loop to privatise; once
 // inlined, the tracer lives in registers.
-HALDEN_HD inline void move_lane(const lane_state& g, lane_state& next, const lane_traces& traces, int l,
-                                const surface& ground, const vec2* directions) {
+template <int lanes>
+HALDEN_HD inline void move_lane(const lane_state<lanes>& g, lane_state<lanes>& next, const lane_traces<lanes>& traces,
+                                int l, const surface& ground, const vec2* directions) {
     const vec2 to{g.x[l] + g.dx[l], g.y[l] + g.dy[l]};
     const bool in = ground.inside(to);
     // Lanes that leave or idle sample where they are, inside the grid (a
@@ -250,8 +256,9 @@ HALDEN_HD inline void move_lane(const lane_state& g, lane_state& next, const lan
 // order in which lanes and threads count them changes nothing.
 template <class Sink>
 HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::int32_t* claimed) {
-    lane_state states[2];
-    lane_traces traces;
+    constexpr int lanes = Sink::lanes;
+    lane_state<lanes> states[2];
+    lane_traces<lanes> traces;
     typename Sink::carried carried[lanes];
     for (int l = 0; l < lanes; ++l) {
         states[0].x[l] = states[0].y[l] = states[0].dx[l] = states[0].dy[l] = 0.0f;
@@ -268,7 +275,7 @@ HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::in
     unsigned next = 0, end = 0;
     bool drained = false;
     for (;;) {
-        lane_state& g = states[current];
+        lane_state<lanes>& g = states[current];
         int running = 0;
         for (int l = 0; l < lanes; ++l) {
             if (g.on[l]) {
@@ -314,7 +321,7 @@ HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::in
                 late[late_count++] = sink.visit(carried[l], g.cell[l]);
                 ++traces.made[l];
             }
-        lane_state& moved = states[current ^ 1];
+        lane_state<lanes>& moved = states[current ^ 1];
         HALDEN_FLOW_LANES
         for (int l = 0; l < lanes; ++l) move_lane(g, moved, traces, l, a.ground, a.directions);
         for (int l = 0; l < lanes; ++l)
@@ -344,6 +351,7 @@ void run_traces(halden::compute::queue& q, const trace_launch& a, const Sink& si
 template <class Count>
 struct count_visits {
     Count* visits;
+    static constexpr int lanes = tracing::lanes;
     struct carried {};
     using pending = int;
     HALDEN_HD void ahead(carried&, int) const {}
