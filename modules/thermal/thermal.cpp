@@ -172,7 +172,11 @@ HALDEN_HD inline void settle_at(const float* heights, const float* talus, const 
 }
 
 // settle_at in fixed point: the same transfers under the same conditions,
-// each truncated to whole units of 2^-shift before it is summed.
+// each truncated to whole units of 2^-shift before it is summed, and held
+// below 2^31 units (the largest float below it), which sender and receiver
+// do alike.
+constexpr float kMaxUnits = 2147483520.0f;
+
 template <bool Border>
 HALDEN_HD inline void settle_fixed_at(const float* heights, const float* talus, const float* factor,
                                       std::int64_t* amount, float scale, int w, int h, int x, int y,
@@ -188,10 +192,12 @@ HALDEN_HD inline void settle_fixed_at(const float* heights, const float* talus, 
         const float hj = heights[j], down = c - hj, up = hj - c;
         const bool out = down > (o.diagonal ? t * kDiagonal : t);
         const bool in = up > (o.diagonal ? talus[j] * kDiagonal : talus[j]);
-        // Most pairs exchange nothing: skip their conversions. Transfers are
-        // never negative, so the conversion truncates down.
-        if (out) change = change - std::int64_t((f * down) * scale);
-        if (in) change = change + std::int64_t((factor[j] * up) * scale);
+        // Transfers are never negative, so the conversion truncates down.
+        // Selected rather than branched on, and converted as 32-bit
+        // integers, so that the host's rows vectorise.
+        const std::int32_t give = std::int32_t(min_of(max_of((f * down) * scale, 0.0f), kMaxUnits));
+        const std::int32_t take = std::int32_t(min_of(max_of((factor[j] * up) * scale, 0.0f), kMaxUnits));
+        change = change + (std::int64_t(in ? take : 0) - std::int64_t(out ? give : 0));
     }
     amount[i] = amount[i] + change;
 }

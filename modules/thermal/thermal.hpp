@@ -73,8 +73,9 @@ void settle(halden::compute::queue& q, const float* heights, const float* talus,
             float* moved, float* resting, int w, int h);
 // The second gather in fixed point: amount[i] (units of 2^-shift height)
 // gains what cell i receives and loses what it sends, each transfer
-// truncated once to whole units. Sender and receiver form the same product
-// and truncate it alike, so the total is kept exactly.
+// truncated once to whole units and held below 2^31 units per pass and
+// pair. Sender and receiver form the same product and truncate and hold it
+// alike, so the total is kept exactly.
 void settle_fixed(halden::compute::queue& q, const float* heights, const float* talus, const float* factor,
                   std::int64_t* amount, int shift, int w, int h);
 
