@@ -82,6 +82,7 @@ done
 check "the eroded relief differs from the relief" eval '! cmp -s demo/eroded.png demo/relief.png'
 check "demo wrote craters.png, unlike the relief" eval 'test -s demo/craters.png && ! cmp -s demo/craters.png demo/relief.png'
 check "demo wrote colour.png" test -s demo/colour.png
+check "demo wrote dunes.png" test -s demo/dunes.png
 if [ -n "$gdal" ] && [ -r "$sample" ]; then
     for f in dem-relief.png dem-flow.png dem-eroded.png; do check "demo wrote $f from the real model" test -s "demo/$f"; done
 else

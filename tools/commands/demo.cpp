@@ -196,7 +196,8 @@ class DemoCommand final : public cli::Command {
                "the folder for the results (default demo-output): relief.png (the shaded relief), flow.png (the "
                "flow map over the relief), eroded.png (the relief after erosion), cells.png (cellular cracks "
                "over the relief), sunlight.png (a midwinter day's sunlight), craters.png (stamped craters), "
-               "debris.png (rockfall scree), colour.png (colour carried down the rivers), terrain.npy, "
+               "debris.png (rockfall scree), colour.png (colour carried down the rivers), dunes.png (a "
+               "dune field of its own, at most 256x256), terrain.npy, "
                "median.npy, thermal.npy, flow.npy and eroded.npy, and for the real model the same pictures "
                "prefixed dem-");
         dem_option_ = &d.text(
@@ -276,6 +277,8 @@ class DemoCommand final : public cli::Command {
                 return code;
         }
 
+        if (const int code = dune_field(c, demo); code != cli::kOk) return code;
+
         // A real elevation model, read as users read theirs.
         if (dem_ != "none") {
             if (cli::interrupted()) return cancelled();
@@ -326,6 +329,56 @@ class DemoCommand final : public cli::Command {
         c.timings.write += watch.milliseconds();
         demo.record("write " + name, "", watch.milliseconds());
         return cli::kOk;
+    }
+
+    // A dune field of its own: dunes need a square grid and hundreds of
+    // iterations, so it is at most 256 x 256, whatever --size. Flat bedrock
+    // under 2 to 3 m of loose sand, cells 1 m wide, one wind blowing east for
+    // 600 iterations; lit from the south-east and tinted in the colour of
+    // sand as dunes.png.
+    int dune_field(cli::Context& c, DemoRun& demo) {
+        const uint32_t side = std::min<uint32_t>(size_, 256);
+        constexpr int32_t kIterations = 600;
+        const size_t cells = size_t{side} * side;
+        Grid sand{side, side, std::vector<float>(cells), {}};
+        uint32_t state = 0x9E3779B9u;
+        for (float& v : sand.cells) {
+            state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+            v = 2.0f + static_cast<float>(state >> 8) * 0x1p-24f;
+        }
+        const std::vector<float> bedrock(cells, 0.0f);
+        const double work = static_cast<double>(cells) * kIterations;
+        const Grid field = demo.run("dunes", sand, work, [&](halden_queue* q, Grid& g, cli::Timing& t) {
+            const halden_dune_parameters p = {static_cast<int32_t>(side), 1.0f, 1.0f, 0.0f, 1.0f, 90.0f, 0.0f,
+                                              0.0f, kIterations, 0.5f, 5.0f, 0.2f, 0.5f, 5.0f, 15.0f, 33.0f, 68.0f,
+                                              1, 1, 1};
+            return cli::timed(work, t, [&] {
+                return DuneSimulation(q, bedrock.data(), g.cells.data(), nullptr, &p, cli::callbacks());
+            });
+        });
+        if (cli::interrupted()) return cancelled();
+        if (field.cells.empty()) return cli::kOk;
+        commands::Lighting lighting;
+        lighting.azimuth = 135.0f;
+        lighting.elevation = 30.0f;
+        const Grid planes = demo.run("shading dunes", field, static_cast<double>(cells),
+                                     [&](halden_queue* q, Grid& g, cli::Timing& t) {
+                                         std::vector<float> all;
+                                         const uint32_t status = commands::shade_grid(
+                                             q, g, lighting, static_cast<float>(side), 1.0f, {}, all, t);
+                                         g.cells = std::move(all);
+                                         return status;
+                                     });
+        if (cli::interrupted()) return cancelled();
+        if (planes.cells.empty()) return cli::kOk;
+        Grid tinted = planes;
+        static constexpr float kSand[3] = {1.1f, 0.82f, 0.52f};
+        for (size_t k = 0; k < 3; ++k)
+            for (size_t i = 0; i < cells; ++i) tinted.cells[k * cells + i] *= kSand[k];
+        const float* t = tinted.cells.data();
+        return write(c, demo, "dunes.png", [&](PendingOutputs& outputs, const std::string& path) {
+            return cli::write_picture(outputs, path, side, side, t, t + cells, t + 2 * cells, error_);
+        });
     }
 
     // Runs thermal shaping, flow and shading on `heights` (`extent` metres
