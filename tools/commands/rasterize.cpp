@@ -11,7 +11,7 @@
 #include "cli/messages.hpp"
 #include "cli/options.hpp"
 #include "commands/commands.hpp"
-#include "formats/obj.hpp"
+#include "formats/mesh.hpp"
 
 namespace {
 
@@ -72,9 +72,9 @@ class RasterizeCommand final : public cli::Command {
     }
 
     int run(cli::Context& c) override {
-        ObjMesh mesh;
+        MeshData mesh;
         std::string error;
-        const bool read = cli::add_time(c.timings.read, [&] { return read_obj(in_, mesh, error); });
+        const bool read = cli::add_time(c.timings.read, [&] { return read_mesh(in_, mesh, error); });
         if (!read) return cli::fail(cli::kIo, "%s", error.c_str());
         if (mesh.triangle_count() == 0) return cli::fail(cli::kIo, "%s: no faces to render", in_.c_str());
         if (mesh.triangle_count() > UINT32_MAX)

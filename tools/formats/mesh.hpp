@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader for the vertices and triangles of Wavefront OBJ files.
+// Triangle meshes from files: the vertices and triangles the rasteriser takes.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-struct ObjMesh {
+struct MeshData {
     std::vector<float> vertices;      // packed (x, y, z)
     std::vector<uint32_t> triangles;  // packed triples of 0-based vertex indices, in file order
 
@@ -20,4 +20,4 @@ struct ObjMesh {
 // references i, i/t, i//n or i/t/n, 1-based or, when negative, counted back
 // from the last vertex read so far. On failure sets `error` to a message
 // that starts with "path:line: " where a line is to blame.
-bool read_obj(const std::string& path, ObjMesh& mesh, std::string& error);
+bool read_mesh(const std::string& path, MeshData& mesh, std::string& error);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "obj.hpp"
+#include "mesh.hpp"
 
 #include <cerrno>
 #include <charconv>
@@ -20,7 +20,7 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-// A problem with the statement that starts on `line`; read_obj adds the
+// A problem with the statement that starts on `line`; read_mesh adds the
 // file name.
 struct LineError : std::runtime_error {
     size_t line;
@@ -97,7 +97,7 @@ struct Pending {
     int64_t index;
 };
 
-void parse(std::string_view text, ObjMesh& mesh) {
+void parse(std::string_view text, MeshData& mesh) {
     std::vector<std::string_view> words;
     std::vector<Pending> pending;
     std::string joined;  // a statement continued over lines with '\'
@@ -164,8 +164,8 @@ void parse(std::string_view text, ObjMesh& mesh) {
 
 }  // namespace
 
-bool read_obj(const std::string& path, ObjMesh& mesh, std::string& error) {
-    mesh = ObjMesh{};
+bool read_mesh(const std::string& path, MeshData& mesh, std::string& error) {
+    mesh = MeshData{};
     try {
         std::error_code ec;
         if (std::filesystem::is_directory(path, ec)) throw std::runtime_error("is a directory");
@@ -182,6 +182,6 @@ bool read_obj(const std::string& path, ObjMesh& mesh, std::string& error) {
     } catch (const std::exception& e) {  // also an allocation too large for this machine
         error = path + ": " + e.what();
     }
-    mesh = ObjMesh{};
+    mesh = MeshData{};
     return false;
 }
