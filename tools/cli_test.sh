@@ -399,10 +399,21 @@ expect 0 "rasterize a clockwise triangle" "$halden" rasterize clockwise.obj cloc
 floats '\xff\xff\x7f\xff' 16 lowest.raw  # -FLT_MAX
 check "the clockwise triangle is culled" cmp clockwise.raw lowest.raw
 printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n' >quad.obj
-expect 2 "rasterize a quad" "$halden" rasterize quad.obj out.npy --size 4 4
-check "the quad is named by file and line" grep -q 'quad.obj:5: only triangles are supported' err.txt
+expect 0 "rasterize a quad" "$halden" rasterize quad.obj quad.npy --size 4 4
+check "the quad is split into two triangles that cover the grid" \
+    grep -q '^rasterize quad.obj: 4 vertices, 2 triangles into 4x4 .*, 16 of 16 cells covered$' out.txt
+printf 'ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\nproperty float z\n%s\n%s\n' \
+    'element face 1' 'property list uchar int vertex_indices' >corner.ply
+printf 'end_header\n0 0 1\n1 0 1\n0 1 1\n3 0 1 2\n' >>corner.ply
+expect 0 "rasterize the triangle from PLY" "$halden" rasterize corner.ply corner-ply.raw --size 4 4
+check "PLY and OBJ give the same grid" cmp corner.raw corner-ply.raw
+printf 'solid t\nfacet normal 0 0 1\nouter loop\nvertex 0 0 1\nvertex 1 0 1\nvertex 0 1 1\nendloop\nendfacet\nendsolid t\n' \
+    >corner.stl
+expect 0 "rasterize the triangle from STL" "$halden" rasterize corner.stl corner-stl.raw --size 4 4
+check "STL and OBJ give the same grid" cmp corner.raw corner-stl.raw
 printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nf 1 2 9\n' >bad-index.obj
 expect 2 "rasterize a face with a bad index" "$halden" rasterize bad-index.obj out.npy --size 4 4
+check "the bad index is named with the file" grep -q 'bad-index.obj: .*index out of range' err.txt
 expect 1 "rasterize --size with one value" "$halden" rasterize square.obj out.npy --size 4
 expect 2 "rasterize with an ids grid that cannot be written" "$halden" rasterize square.obj fresh.npy --size 4 4 \
     --ids no-such-dir/ids.npy

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages="cmake ninja-build g++ libgtest-dev libbenchmark-dev libgdal-dev libcli11-dev libpng-dev
+packages="cmake ninja-build g++ libgtest-dev libbenchmark-dev libgdal-dev libcli11-dev libpng-dev libassimp-dev
           python3-numpy python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python-matplotlib-data"
 if ! dpkg -s $packages >/dev/null 2>&1; then
     apt-get update -qq

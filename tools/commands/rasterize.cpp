@@ -19,7 +19,7 @@ class RasterizeCommand final : public cli::Command {
   public:
     void define(cli::Definition& d) override {
         d.description(
-            "Renders the triangles of the Wavefront OBJ file MESH.obj, seen from above, into\n"
+            "Renders the triangles of the mesh file MESH, seen from above, into\n"
             "a W x H float32 height grid on one device and writes it to OUT: a cell gets the\n"
             "greatest height (z) of the triangles covering its centre, or -FLT_MAX\n"
             "(-3.4028235e38) where none does. The mesh is fitted into the grid: the x/y\n"
@@ -30,15 +30,14 @@ class RasterizeCommand final : public cli::Command {
             "factor, so they keep their proportion to the cells: a mesh 10 units wide in a\n"
             "grid 1000 cells wide comes back with its heights multiplied by 100.\n"
             "\n"
-            "MESH.obj: 'v x y z' lines give the vertices and 'f' lines the faces, with 1-based\n"
-            "vertex indices (negative ones count back from the last vertex read) in any of\n"
-            "the forms i, i/t, i//n and i/t/n; other lines and '#' comments are skipped.\n"
-            "Faces must be triangles: a face of 4 or more vertices exits 2 (triangulate the\n"
-            "mesh first). Faces must be counter-clockwise seen from above (+z), the usual OBJ\n"
-            "convention for a surface facing up; triangles wound the other way are culled\n"
-            "(not drawn). A malformed line, such as a bad number or an index past the\n"
-            "vertices, exits 2 naming the file and line.\n");
-        d.input("MESH.obj", in_);
+            "MESH: any mesh format the import library reads: OBJ, PLY, STL, glTF/GLB, FBX,\n"
+            "Collada and more. All of the file's meshes are drawn, with the scene's node\n"
+            "transforms applied; faces of 4 or more vertices are split into triangles, points\n"
+            "and lines are left out. Faces must be counter-clockwise seen from above (+z),\n"
+            "the usual convention for a surface facing up; triangles wound the other way are\n"
+            "culled (not drawn). A file the library cannot read, such as a bad number or an\n"
+            "index past the vertices, exits 2 naming the file and the reason.\n");
+        d.input("MESH", in_);
         d.output("OUT", out_);
         const cli::Option& size = d.pair("--size", "W H",
                                          "width and height of the grid in cells, 1 to 16384 each (1 to 8192 with "
@@ -81,7 +80,7 @@ class RasterizeCommand final : public cli::Command {
             return cli::fail(cli::kIo, "%s: %zu triangles, more than the 2^32 - 1 a mesh may have", in_.c_str(),
                              mesh.triangle_count());
 
-        // The grid's rows run down the picture while OBJ's y runs up it.
+        // The grid's rows run down the picture while the mesh's y runs up it.
         // Negating y turns the mesh over so that its top lands on the first
         // row, and that same flip turns counter-clockwise faces into the
         // winding the library draws.

@@ -14,10 +14,10 @@ struct MeshData {
     size_t triangle_count() const { return triangles.size() / 3; }
 };
 
-// Reads the 'v' and 'f' statements of an OBJ file; every other statement
-// (vt, vn, o, g, s, usemtl, mtllib, ...) and '#' comments are skipped. A
-// vertex is "v x y z [w]" (w ignored); a face lists exactly three vertex
-// references i, i/t, i//n or i/t/n, 1-based or, when negative, counted back
-// from the last vertex read so far. On failure sets `error` to a message
-// that starts with "path:line: " where a line is to blame.
+// Reads a mesh file in any format the mesh-import library knows (OBJ, PLY,
+// glTF, FBX, STL and more): all of its meshes' triangles, with the scene's
+// node transforms applied, faces of more corners split into triangles,
+// points and lines left out, in the file's own coordinates and winding.
+// Vertices repeated exactly are merged. On failure sets `error` to a
+// message that starts with "path: ".
 bool read_mesh(const std::string& path, MeshData& mesh, std::string& error);
