@@ -162,18 +162,16 @@ class DemoRun {
 
 // The flow map over the shaded relief: water blue, opaque from a third of
 // the map's saturating range up. `planes` are shade_grid's.
-bool write_flow_picture(PendingOutputs& outputs, const std::string& path, const Grid& flow,
-                        const std::vector<float>& planes, std::string& error) {
+Grid flow_over_relief(const Grid& flow, const std::vector<float>& planes) {
     const size_t cells = flow.cells.size();
-    std::vector<float> rgb(planes.begin(), planes.begin() + 3 * cells);
+    Grid rgb{flow.width, flow.height, std::vector<float>(planes.begin(), planes.begin() + 3 * cells), {}};
     const float water[3] = {0.02f, 0.18f, 0.75f};
     for (size_t i = 0; i < cells; ++i) {
         const float f = flow.cells[i];
         const float a = f > 0.0f ? std::min(3.0f * f, 1.0f) : 0.0f;
-        for (size_t k = 0; k < 3; ++k) rgb[k * cells + i] = rgb[k * cells + i] * (1.0f - a) + water[k] * a;
+        for (size_t k = 0; k < 3; ++k) rgb.cells[k * cells + i] = rgb.cells[k * cells + i] * (1.0f - a) + water[k] * a;
     }
-    return cli::write_picture(outputs, path, flow.width, flow.height, rgb.data(), rgb.data() + cells,
-                              rgb.data() + 2 * cells, error);
+    return rgb;
 }
 
 class DemoCommand final : public cli::Command {
@@ -200,6 +198,9 @@ class DemoCommand final : public cli::Command {
                "dune field of its own, at most 256x256), terrain.npy, "
                "median.npy, thermal.npy, flow.npy and eroded.npy, and for the real model the same pictures "
                "prefixed dem-");
+        d.text("--gallery", gallery_, "DIR",
+               "also write the real model's pictures at half size into DIR, named without their dem- "
+               "prefix, and dunes.png as it is (the README's gallery)");
         dem_option_ = &d.text(
             "--dem", dem_, "FILE|none",
             "the real elevation model, in any format halden reads (default: the sample of Debian's "
@@ -232,6 +233,10 @@ class DemoCommand final : public cli::Command {
         std::error_code ec;
         std::filesystem::create_directories(dir_, ec);
         if (ec) return cli::fail(cli::kIo, "%s: %s", dir_.c_str(), ec.message().c_str());
+        if (!gallery_.empty()) {
+            std::filesystem::create_directories(gallery_, ec);
+            if (ec) return cli::fail(cli::kIo, "%s: %s", gallery_.c_str(), ec.message().c_str());
+        }
 
         DemoRun demo(c, keys);
         if (keys.size() == 1)
@@ -331,6 +336,37 @@ class DemoCommand final : public cli::Command {
         return cli::kOk;
     }
 
+    // Writes GALLERY/NAME: the picture's colour planes averaged over 2 x 2
+    // blocks (in linear light, before the sRGB encoding), for a small copy.
+    int gallery_picture(cli::Context& c, const std::string& name, const Grid& planes, uint32_t width,
+                        uint32_t height) {
+        const uint32_t w = std::max<uint32_t>(width / 2, 1), h = std::max<uint32_t>(height / 2, 1);
+        const size_t cells = size_t{width} * height, half = size_t{w} * h;
+        std::vector<float> small(3 * half);
+        for (size_t k = 0; k < 3; ++k)
+            for (uint32_t y = 0; y < h; ++y)
+                for (uint32_t x = 0; x < w; ++x) {
+                    float sum = 0.0f;
+                    int n = 0;
+                    for (uint32_t dy = 0; dy < 2; ++dy)
+                        for (uint32_t dx = 0; dx < 2; ++dx) {
+                            const uint32_t sx = 2 * x + dx, sy = 2 * y + dy;
+                            if (sx >= width || sy >= height) continue;
+                            sum += planes.cells[k * cells + size_t{sy} * width + sx];
+                            ++n;
+                        }
+                    small[k * half + size_t{y} * w + x] = sum / static_cast<float>(n);
+                }
+        const cli::Stopwatch watch;
+        PendingOutputs outputs;
+        const float* p = small.data();
+        if (!cli::write_picture(outputs, gallery_ + "/" + name, w, h, p, p + half, p + 2 * half, error_) ||
+            !outputs.commit(error_))
+            return cli::fail(cli::kIo, "%s", error_.c_str());
+        c.timings.write += watch.milliseconds();
+        return cli::kOk;
+    }
+
     // A dune field of its own: dunes need a square grid and hundreds of
     // iterations, so it is at most 256 x 256, whatever --size. Flat bedrock
     // under 2 to 3 m of loose sand, cells 1 m wide, one wind blowing east for
@@ -376,9 +412,14 @@ class DemoCommand final : public cli::Command {
         for (size_t k = 0; k < 3; ++k)
             for (size_t i = 0; i < cells; ++i) tinted.cells[k * cells + i] *= kSand[k];
         const float* t = tinted.cells.data();
-        return write(c, demo, "dunes.png", [&](PendingOutputs& outputs, const std::string& path) {
+        const auto dunes = [&](PendingOutputs& outputs, const std::string& path) {
             return cli::write_picture(outputs, path, side, side, t, t + cells, t + 2 * cells, error_);
-        });
+        };
+        if (const int code = write(c, demo, "dunes.png", dunes); code != cli::kOk || gallery_.empty()) return code;
+        PendingOutputs outputs;
+        if (!dunes(outputs, gallery_ + "/dunes.png") || !outputs.commit(error_))
+            return cli::fail(cli::kIo, "%s", error_.c_str());
+        return cli::kOk;
     }
 
     // Runs thermal shaping, flow and shading on `heights` (`extent` metres
@@ -411,14 +452,18 @@ class DemoCommand final : public cli::Command {
                 return status;
             });
         };
-        // The relief pictures: shade_grid's colour planes.
+        // The relief pictures: shade_grid's colour planes. With --gallery,
+        // the real model's pictures also go there at half size, named
+        // without their prefix.
         const auto picture = [&](const std::string& name, const Grid& planes) {
             const size_t cells = shaped.cells.size();
             const float* p = planes.cells.data();
-            return write(c, demo, name, [&](PendingOutputs& outputs, const std::string& path) {
+            const int code = write(c, demo, name, [&](PendingOutputs& outputs, const std::string& path) {
                 return cli::write_picture(outputs, path, shaped.width, shaped.height, p, p + cells, p + 2 * cells,
                                           error_);
             });
+            if (code != cli::kOk || gallery_.empty() || prefix != "dem-") return code;
+            return gallery_picture(c, name.substr(prefix.size()), planes, shaped.width, shaped.height);
         };
         Grid planes = shading(prefix + "shading", shaped);
         if (cli::interrupted()) return cancelled();
@@ -528,11 +573,7 @@ class DemoCommand final : public cli::Command {
             map.width = shaped.width;
             map.height = shaped.height;
             cli::mark_missing(map, missing);
-            if (const int code = write(c, demo, prefix + "flow.png",
-                                       [&](PendingOutputs& outputs, const std::string& path) {
-                                           return write_flow_picture(outputs, path, map, planes.cells, error_);
-                                       });
-                code != cli::kOk)
+            if (const int code = picture(prefix + "flow.png", flow_over_relief(map, planes.cells)); code != cli::kOk)
                 return code;
         }
 
@@ -619,7 +660,7 @@ class DemoCommand final : public cli::Command {
     }
 
     uint32_t size_ = 1024;
-    std::string dir_ = "demo-output", dem_ = kSampleDem, error_;
+    std::string dir_ = "demo-output", dem_ = kSampleDem, gallery_, error_;
     const cli::Option* dem_option_ = nullptr;
 };
 
