@@ -174,6 +174,44 @@ TEST(ColorTransportScale, TheLargestSumFitsAndSmallSpreadsGetFineSteps) {
     EXPECT_EQ(color_transport::tally_scale(record(8, 8), 0.0f, 64).shift, 62);
 }
 
+// The colour's single launch order keeps every particle once, with the
+// trace length the flow map's batches give it: the flow map's own order puts
+// a batch's long traces last, so a particle is long there exactly when it
+// lies past the batch's short ones.
+TEST(ColorTransportOrder, EveryParticleOnceWithTheFlowMapsTraceLength) {
+    // More particles than trace long, so that a batch holds both kinds.
+    const color_transport::Parameters p = record(640, 600);
+    const flow::Parameters fp = color_transport::flow_parameters(p);
+    std::vector<flow::vec2> starts = flow::plan::seed_particles(fp, nullptr);
+    flow::plan::shuffle(starts, p.seed);
+    const std::size_t n = starts.size();
+    std::vector<flow::vec2> ordered(n), flow_ordered(n);
+    std::vector<std::uint32_t> ids(n), flow_ids(n);
+    const unsigned shorts = color_transport::trace_order(starts, p.width, p.height, ordered.data(), ids.data());
+    flow::plan::launch_order(starts, p.width, p.height, flow_ordered.data(), flow_ids.data());
+
+    // Long in the flow map's order: ids at or past its batch's first long one.
+    const std::size_t batch = (n + flow::batches - 1) / flow::batches;
+    const std::size_t long_count = std::min<std::size_t>(n, flow::long_particles) / flow::batches;
+    std::vector<int> is_long(n, -1);
+    for (std::size_t o = 0; o < n; o += batch) {
+        const std::size_t count = std::min(n - o, batch);
+        const std::size_t first_long = o + (count > long_count ? count - long_count : 0);
+        for (std::size_t k = o; k < o + count; ++k) is_long[flow_ids[k]] = flow_ids[k] >= first_long;
+    }
+    std::vector<int> seen(n, 0);
+    for (std::size_t k = 0; k < n; ++k) {
+        ASSERT_LT(ids[k], n);
+        ++seen[ids[k]];
+        EXPECT_EQ(ordered[k].x, starts[ids[k]].x);
+        EXPECT_EQ(ordered[k].y, starts[ids[k]].y);
+        EXPECT_EQ(is_long[ids[k]], k >= shorts ? 1 : 0) << "slot " << k;
+    }
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), std::ptrdiff_t(n));
+    EXPECT_GT(shorts, n / 4);
+    EXPECT_LT(shorts, n);
+}
+
 TEST_P(ColorTransportExport, BadInputCancelAndStatus) {
     const int w = 33, h = 21;
     const std::vector<float> terrain = hills(w, h, 5);
