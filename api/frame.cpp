@@ -28,9 +28,12 @@ bool begin(halden_queue& q, const frame& f, std::uint64_t& announced) {
     }
     const std::uint64_t need = f.need_bytes;
     try {
-        const std::uint64_t probe = need > ~std::uint64_t(0) - precheck_headroom ? ~std::uint64_t(0) : need + precheck_headroom;
-        if (probe > std::uint64_t(std::size_t(-1))) throw compute::out_of_memory("size overflows the address space");
-        compute::usm_ptr<unsigned char, 1> trial(q.queue, {static_cast<std::size_t>(probe)}, "memory pre-check");
+        if (f.precheck) {
+            const std::uint64_t probe =
+                need > ~std::uint64_t(0) - precheck_headroom ? ~std::uint64_t(0) : need + precheck_headroom;
+            if (probe > std::uint64_t(std::size_t(-1))) throw compute::out_of_memory("size overflows the address space");
+            compute::usm_ptr<unsigned char, 1> trial(q.queue, {static_cast<std::size_t>(probe)}, "memory pre-check");
+        }
     } catch (const compute::out_of_memory& e) {
         send_error(f.callbacks,
                    std::string(f.operation) + ": not enough device memory for " + compute::format_bytes(need) +

@@ -42,6 +42,9 @@ struct frame {
     halden_callbacks callbacks;
     // Sent for an exception of no known type.
     const char* unknown_error = "Error: unknown exception";
+    // The trial allocation before the run; an export that skips it fails on
+    // its first allocation instead, and still announces its memory.
+    bool precheck = true;
 };
 
 // The byte count announced through slot 5 and released through slot 6.

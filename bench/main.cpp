@@ -16,6 +16,9 @@ void register_stamp_instancer_benchmarks();
 void register_debris_benchmarks();
 void register_dune_benchmarks();
 void register_sunlight_benchmarks();
+void register_point_cloud_benchmarks();
+void register_tangent_normals_benchmarks();
+void register_triplanar_benchmarks();
 
 int main(int argc, char** argv) {
     register_median_filter_benchmarks();
@@ -32,6 +35,9 @@ int main(int argc, char** argv) {
     register_debris_benchmarks();
     register_dune_benchmarks();
     register_sunlight_benchmarks();
+    register_point_cloud_benchmarks();
+    register_tangent_normals_benchmarks();
+    register_triplanar_benchmarks();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

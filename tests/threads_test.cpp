@@ -200,6 +200,70 @@ results run_everything(halden_queue* q, const halden_callbacks& cb) {
         EXPECT_EQ(SunLightIntegral(q, h.data(), sun.data(), hours.data(), view.data(), &sl, &cb), 0u);
         for (const std::vector<float>* v : {&sun, &hours, &view}) r.light.insert(r.light.end(), v->begin(), v->end());
     }
+    // The terrain as a mesh of 3-cell quads, displaced by a texture made of
+    // itself, cut to 0.7-cell pieces, with a fractional sharpness (pow_p).
+    {
+        std::vector<float> verts;
+        std::vector<std::uint32_t> tris;
+        const std::uint32_t k = n / 3;
+        for (std::uint32_t i = 0; i < k * k; ++i)
+            verts.insert(verts.end(), {float(i % k) * 3.0f, float(i / k) * 3.0f, h[(i / k) * 3 * n + (i % k) * 3]});
+        for (std::uint32_t a = 0; a + k + 1 < k * k; ++a)
+            if ((a + 1) % k != 0) tris.insert(tris.end(), {a, a + k, a + 1, a + 1, a + k, a + k + 1});
+        const halden_mesh mesh{verts.data(), std::uint32_t(verts.size() / 3), 0, tris.data(),
+                               std::uint32_t(tris.size() / 3), 0};
+        const halden_texture tex{h.data(), n, n};
+        halden_triplanar_parameters tp{};
+        tp.transform.width = tp.transform.height = n, tp.transform.scale = tp.transform.depth_divisor = 1.0f;
+        tp.texture_size = 20.0f, tp.amplitude = 0.05f, tp.midlevel = 5.0f, tp.sharpness = 2.5f;
+        tp.edge_length = 0.7f, tp.max_subdivision = 64;
+        std::vector<float> displaced(h.size()), displaced_ids(h.size());
+        EXPECT_EQ(MeshRasterizer_RenderMeshWithTriplanarDisplacement(q, &mesh, displaced.data(), displaced_ids.data(),
+                                                                    &tex, &tp, &cb),
+                  0u);
+        for (const std::vector<float>* v : {&displaced, &displaced_ids})
+            r.mesh.insert(r.mesh.end(), v->begin(), v->end());
+    }
+    // Points sampled from the terrain (more chunks than one radix-sort work
+    // item takes), IDW within a radius, pull-push into the gaps.
+    {
+        std::vector<float> xyz;
+        for (std::uint32_t i = 0; i < 70000; ++i) {
+            const float x = float((i * 2654435761u) % 4093u) * (float(n) / 4093.0f);
+            const float y = float((i * 40503u + 7u) % 4091u) * (float(n) / 4091.0f);
+            if (int(x) % 9 == 4) continue;
+            xyz.insert(xyz.end(), {x, y, h[std::size_t(int(y)) * n + std::size_t(int(x))] + float(i % 5) * 0.1f});
+        }
+        const halden_points pts{xyz.data(), std::uint32_t(xyz.size() / 3), 0};
+        halden_point_parameters pp{};
+        pp.transform.width = pp.transform.height = n, pp.transform.scale = pp.transform.depth_divisor = 1.0f;
+        pp.mode = HALDEN_POINTS_IDW, pp.fill = HALDEN_POINTS_FILL_PULL_PUSH, pp.radius = 1.5f, pp.power = 3.0f;
+        std::vector<float> gridded(h.size()), counted(h.size());
+        EXPECT_EQ(MeshRasterizer_RenderPointCloud(q, &pts, gridded.data(), counted.data(), &pp, &cb), 0u);
+        for (const std::vector<float>* v : {&gridded, &counted}) r.mesh.insert(r.mesh.end(), v->begin(), v->end());
+    }
+    // Tangent-space normals of the terrain against a mesh of 5-cell quads
+    // over part of it, with a margin.
+    {
+        std::vector<float> verts;
+        std::vector<std::uint32_t> tris;
+        const std::uint32_t k = 8;
+        for (std::uint32_t i = 0; i < k * k; ++i) {
+            const std::uint32_t x = 3 + 5 * (i % k), y = 2 + 5 * (i / k);
+            verts.insert(verts.end(), {float(x) + 0.5f, float(y) + 0.5f, h[y * n + x]});
+        }
+        for (std::uint32_t a = 0; a + k + 1 < k * k; ++a)
+            if ((a + 1) % k != 0) tris.insert(tris.end(), {a, a + k, a + 1, a + 1, a + k, a + k + 1});
+        const halden_mesh mesh{verts.data(), k * k, 0, tris.data(), std::uint32_t(tris.size() / 3), 0};
+        halden_tangent_parameters tn{};
+        tn.transform.width = tn.transform.height = n, tn.transform.scale = tn.transform.depth_divisor = 1.0f;
+        tn.terrain_size = float(n), tn.height_scale = 0.5f, tn.margin = 3, tn.encoding = HALDEN_TANGENT_UNSIGNED;
+        std::vector<float> red(h.size()), green(h.size()), blue(h.size());
+        EXPECT_EQ(MeshRasterizer_ComputeTangentSpaceNormals(q, &mesh, h.data(), red.data(), green.data(), blue.data(),
+                                                            &tn, &cb),
+                  0u);
+        for (const std::vector<float>* v : {&red, &green, &blue}) r.mesh.insert(r.mesh.end(), v->begin(), v->end());
+    }
     return r;
 }
 

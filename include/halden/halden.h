@@ -1446,6 +1446,245 @@ HALDEN_API uint32_t ColorTransportSimulation(halden_queue* queue, const float* h
                                              const halden_color_transport_parameters* parameters,
                                              const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
 
+/* ------------------------------------------------------------------------ */
+/* Tangent-space normals.                                                     */
+/*
+ * transform       the mesh's vertex transform as MeshRasterizer_RenderMesh
+ *                 takes it; width and height are the height grid's and the
+ *                 output's size; supersample must be 0
+ * terrain_size    world width of the height grid (cell size = terrain_size /
+ *                 width), > 0, as Shade takes it
+ * height_scale    world height of one height unit, > 0; the mesh's heights
+ *                 (after the transform) are in height units too
+ * margin          0 to 64: cells no triangle covers within this many cells
+ *                 (8-neighbour steps) of the covered ones take the mean of
+ *                 their filled neighbours, one ring per step; cells beyond
+ *                 get the flat normal (0, 0, 1)
+ * encoding        HALDEN_TANGENT_SIGNED: components in -1 to 1;
+ *                 HALDEN_TANGENT_UNSIGNED: 0.5 c + 0.5, for 8-bit textures
+ * flip_green      0: OpenGL convention (green points up the picture, toward
+ *                 row 0); 1: DirectX convention (green points down the rows)
+ * reserved        carried, not read
+ */
+#define HALDEN_TANGENT_SIGNED 0u
+#define HALDEN_TANGENT_UNSIGNED 1u
+
+typedef struct halden_tangent_parameters {
+    halden_mesh_rasterizer_parameters transform;
+    float terrain_size;
+    float height_scale;
+    int32_t margin;
+    uint32_t encoding;
+    uint32_t flip_green;
+    uint32_t reserved;
+} halden_tangent_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_tangent_parameters) == 80, "tangent record is 80 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_tangent_parameters, terrain_size) == 56, "terrain_size at 56");
+HALDEN_STATIC_ASSERT(offsetof(halden_tangent_parameters, margin) == 64, "margin at 64");
+HALDEN_STATIC_ASSERT(offsetof(halden_tangent_parameters, flip_green) == 72, "flip_green at 72");
+
+/*
+ * Bakes the detail of the width x height grid `heights` (only read) into a
+ * tangent-space normal map for `mesh`, a low-polygon mesh of the same
+ * terrain, written as three planes `red`, `green` and `blue` (width * height
+ * floats each). The texture coordinates are the mesh's top-down projection:
+ * u = x / width, v = 1 - y / height in grid coordinates after the transform.
+ *
+ * The tangent frame is the one engines rebuild from per-vertex data: vertex
+ * normals sum the face normals (the drawn winding faces up, area weighted),
+ * vertex tangents sum each face's dP/du weighted by its texture area and are
+ * made orthogonal to the normal, and the sign of the bitangent is that of
+ * (normal x tangent) . dP/dv. Per cell, the winning triangle of the
+ * rasterisation (MeshRasterizer_RenderMesh's coverage and depth rules) gives
+ * barycentrics of the cell centre; normal, tangent and sign are interpolated
+ * without renormalising, bitangent = sign (n x t), and the height grid's
+ * normal (Shade's stencil) is solved for in that frame and normalised. A mesh
+ * that follows the heights gives (0, 0, 1). Needs about 84 bytes per cell,
+ * 52 per vertex and 28 per triangle of device memory; the same bits on every
+ * device and thread count.
+ *
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for null
+ * arguments, an invalid record or non-finite heights (the text names the
+ * field), a cancel (slot 7) or a device error; the planes are then left as
+ * they were.
+ *
+ *   halden_tangent_parameters p = {{1024, 1024, {0, 0, 0}, 1.0f, {0, 0, 0}, 1.0f}, 1024.0f, 1.0f, 2};
+ *   uint32_t status = MeshRasterizer_ComputeTangentSpaceNormals(q, &mesh, heights, r, g, b, &p, &callbacks);
+ */
+HALDEN_API uint32_t MeshRasterizer_ComputeTangentSpaceNormals(halden_queue* queue, const halden_mesh* mesh,
+                                                              const float* heights, float* red, float* green,
+                                                              float* blue, const halden_tangent_parameters* parameters,
+                                                              const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Point clouds.                                                              */
+
+/* Points in host memory (lidar, photogrammetry): packed (x, y, z) floats. */
+typedef struct halden_points {
+    const float* points;
+    uint32_t count;
+    uint32_t reserved;
+} halden_points;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_points) == 16, "points record is 16 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_points, count) == 8, "count at 8");
+
+/* What a cell takes from the points gathered for it. */
+typedef enum halden_point_mode {
+    HALDEN_POINTS_MAX = 0,
+    HALDEN_POINTS_MIN = 1,
+    HALDEN_POINTS_MEAN = 2,
+    HALDEN_POINTS_IDW = 3,     /* inverse-distance weighting: sum(z / d^power) / sum(1 / d^power),
+                                  d from the cell's centre; a point on the centre decides alone */
+    HALDEN_POINTS_NEAREST = 4, /* z of the point nearest the cell's centre */
+    HALDEN_POINTS_COUNT = 5,   /* the number of points (every cell gets one, 0 included) */
+    HALDEN_POINTS_STDEV = 6    /* population standard deviation of z */
+} halden_point_mode;
+
+/* How cells that gathered no point are filled. */
+typedef enum halden_point_fill {
+    HALDEN_POINTS_FILL_NONE = 0,      /* they keep `empty` */
+    HALDEN_POINTS_FILL_PULL_PUSH = 1, /* pull-push interpolation from the cells around */
+    HALDEN_POINTS_FILL_INNER = 2      /* pull-push, but only holes enclosed by data: empty cells connected
+                                         to the grid's border through empty cells keep `empty` */
+} halden_point_fill;
+
+/*
+ * transform   the vertex transform of MeshRasterizer_RenderMesh (width and
+ *             height give the grid; supersample must be 0): points and
+ *             meshes given the same record share coordinates. A point
+ *             belongs to the cell whose square [c, c + 1) x [r, r + 1) holds
+ *             its transformed (x, y); points outside the grid are left out.
+ * mode        a halden_point_mode
+ * fill        a halden_point_fill (not read in COUNT mode)
+ * radius      0: a cell gathers the points inside it; > 0 (up to 256): the
+ *             points within this many cells of its centre, in x and y
+ * power       IDW exponent, above 0 and at most 16 (only read for IDW)
+ * max_fill    fill only cells at most this many cells (Euclidean) from a
+ *             cell that gathered points, >= 0; 0 for no limit
+ * empty       the value of cells left without data (NaN allowed)
+ *
+ * Defaults worth starting from: MEAN, radius 0, power 2, fill none,
+ * max_fill 0, empty NaN.
+ */
+typedef struct halden_point_parameters {
+    halden_mesh_rasterizer_parameters transform;
+    int32_t mode;
+    int32_t fill;
+    float radius;
+    float power;
+    float max_fill;
+    float empty;
+} halden_point_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_point_parameters) == 80, "point parameters record is 80 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_point_parameters, mode) == 56, "mode at 56");
+HALDEN_STATIC_ASSERT(offsetof(halden_point_parameters, radius) == 64, "radius at 64");
+HALDEN_STATIC_ASSERT(offsetof(halden_point_parameters, empty) == 76, "empty at 76");
+
+/*
+ * Grids a point cloud into `heights` (width x height floats): every cell
+ * takes the mode's value of the points it gathers, or `empty` where it
+ * gathers none, and the fill then interpolates the holes (cells with points
+ * keep their value exactly). `counts` (optional, same size) receives the
+ * number of points each cell's value used, 0 for filled and empty cells.
+ * The points are sorted by cell on the device, and every cell reads its
+ * points in an order fixed by their values: the result is the same bits on
+ * every device and thread count, whatever order the points come in. Needs
+ * about 44 bytes per point and 16 to 40 per cell of device memory.
+ *
+ * Returns 0 when done; 2 when the device lacks the memory; 3 for null
+ * arguments, no points, a non-finite coordinate, an invalid record (the
+ * text names the field), a cancel (slot 7) or a device error; the grids are
+ * then left as they were.
+ *
+ *   halden_point_parameters p = {{1024, 1024, {x0, y0, 0}, s, {0, 0, 0}, 1.0f}, HALDEN_POINTS_MEAN,
+ *                                HALDEN_POINTS_FILL_PULL_PUSH, 0.0f, 2.0f, 0.0f, NAN};
+ *   uint32_t status = MeshRasterizer_RenderPointCloud(q, &points, heights, NULL, &p, &callbacks);
+ */
+HALDEN_API uint32_t MeshRasterizer_RenderPointCloud(halden_queue* queue, const halden_points* points, float* heights,
+                                                    float* counts, const halden_point_parameters* parameters,
+                                                    const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
+/* ------------------------------------------------------------------------ */
+/* Triplanar displacement.                                                    */
+
+/* A repeating displacement texture: width x height floats, row-major. */
+typedef struct halden_texture {
+    const float* values;
+    int32_t width;
+    int32_t height;
+} halden_texture;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_texture) == 16, "texture record is 16 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_texture, width) == 8, "width at 8");
+
+/*
+ * transform        the vertex transform as MeshRasterizer_RenderMesh takes
+ *                  it; with supersample set the mesh is rendered at twice
+ *                  the size and reduced as RenderMesh does, but this record
+ *                  is not changed
+ * texture_size     world units (the mesh's own, before the transform) that
+ *                  one repeat of the texture spans on each plane, > 0
+ * amplitude        world units of displacement per texture unit, finite
+ *                  (0: the mesh is rendered exactly as RenderMesh renders it)
+ * midlevel         the texture value that displaces nothing, finite (0.5)
+ * sharpness        k of the blend weights |n|^k, 0 to 64 (4)
+ * edge_length      wanted length of a micro-edge in cells of the output grid,
+ *                  measured in 3-D (heights scaled like x and y), > 0 (1)
+ * max_subdivision  most pieces one edge is cut into, 1 to 1024 (64)
+ */
+typedef struct halden_triplanar_parameters {
+    halden_mesh_rasterizer_parameters transform;
+    float texture_size;
+    float amplitude;
+    float midlevel;
+    float sharpness;
+    float edge_length;
+    uint32_t max_subdivision;
+} halden_triplanar_parameters;
+
+HALDEN_STATIC_ASSERT(sizeof(halden_triplanar_parameters) == 80, "triplanar record is 80 bytes");
+HALDEN_STATIC_ASSERT(offsetof(halden_triplanar_parameters, texture_size) == 56, "texture_size at 56");
+HALDEN_STATIC_ASSERT(offsetof(halden_triplanar_parameters, sharpness) == 68, "sharpness at 68");
+HALDEN_STATIC_ASSERT(offsetof(halden_triplanar_parameters, max_subdivision) == 76, "max_subdivision at 76");
+
+/*
+ * Renders the mesh into `heights` (and optionally `triangle_ids`) as
+ * MeshRasterizer_RenderMesh does, after displacing its surface with
+ * `texture` projected along the three axes, so that steep faces and cliffs
+ * get detail without texture coordinates.
+ *
+ * Vertex normals are the normalised sums of the area-weighted normals
+ * (v2 - v0) x (v1 - v0) of each vertex's triangles, summed in an order set
+ * by the triangles' corners, so the order of the triangle list changes
+ * nothing: for the winding that is drawn they point up. Every edge is cut into
+ * n = ceil(length / edge_length) pieces (at most max_subdivision), a count
+ * that depends on the edge alone, and every triangle into a regular grid of
+ * the largest of its three counts whose border points are moved onto its
+ * edges' own cut points; two triangles sharing an edge (by vertex index)
+ * therefore meet at the same points and the surface has no cracks. Each
+ * point moves along its interpolated normal n by amplitude * (t - midlevel),
+ * t the blend of three bilinear, wrapping texture reads at (y, z), (x, z)
+ * and (x, y) / texture_size with weights |n.x|^k, |n.y|^k, |n.z|^k. A
+ * constant texture reads as exactly its value. Pieces name their triangle in
+ * `triangle_ids`. Up to 2^30 pieces are rendered, in batches; the mesh's
+ * memory, the texture and a batch are announced through slot 5 (there is no
+ * memory pre-check).
+ *
+ * Returns 0 when done; 3 for null arguments, an invalid record or texture
+ * (sizes, non-finite values), too many pieces, a cancel (slot 7, asked
+ * between batches) or a device error; the grids are then left as they were.
+ *
+ *   halden_texture t = {noise, 256, 256};
+ *   halden_triplanar_parameters p = {transform, 64.0f, 2.0f, 0.5f, 4.0f, 1.0f, 64};
+ *   uint32_t status = MeshRasterizer_RenderMeshWithTriplanarDisplacement(q, &mesh, heights, NULL, &t, &p, &cb);
+ */
+HALDEN_API uint32_t MeshRasterizer_RenderMeshWithTriplanarDisplacement(
+    halden_queue* queue, const halden_mesh* mesh, float* heights, float* triangle_ids, const halden_texture* texture,
+    const halden_triplanar_parameters* parameters, const halden_callbacks* callbacks) HALDEN_NOEXCEPT;
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -1511,6 +1750,20 @@ using Parameters = ::halden_dune_parameters;
 namespace color_transport {
 using Parameters = ::halden_color_transport_parameters;
 }  // namespace color_transport
+
+namespace mesh_rasterizer {
+using TangentParameters = ::halden_tangent_parameters;
+}  // namespace mesh_rasterizer
+
+namespace mesh_rasterizer {
+using Texture = ::halden_texture;
+using TriplanarParameters = ::halden_triplanar_parameters;
+}  // namespace mesh_rasterizer
+
+namespace mesh_rasterizer {
+using Points = ::halden_points;
+using PointParameters = ::halden_point_parameters;
+}  // namespace mesh_rasterizer
 #endif
 
 #endif /* HALDEN_HALDEN_H */

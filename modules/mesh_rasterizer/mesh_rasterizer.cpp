@@ -389,6 +389,39 @@ template void MeshRasterizer::render3_cpu<true, false, true, false>(std::uint32_
 template void MeshRasterizer::render3_cpu<true, true, true, false>(std::uint32_t*);
 template void MeshRasterizer::render3_cpu<false, false, false, true>(std::uint32_t*);
 
+void MeshRasterizer::transform_vertices(vertex* v, std::size_t count) {
+    const Parameters& p = m_parameters;
+    const vertex c{p.centre[0], p.centre[1], p.centre[2], 0.0f};
+    const float s = p.scale, ox = p.offset[0], oy = p.offset[1], oz = p.offset[2], dz = p.depth_divisor;
+    const float shift = p.shift, grid_scale = p.supersample ? 2.0f : 1.0f;
+    m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
+        const float wx = v[i].x - c.x, wy = v[i].y - c.y, wz = v[i].z - c.z;
+        const vertex t{s * wx + ox, s * wy + oy, (s * wz + oz) / dz, 0.0f};
+        v[i] = {(t.x - shift) * grid_scale, (t.y - shift) * grid_scale, t.z - shift, 0.0f};
+    });
+}
+
+template <bool Values>
+void MeshRasterizer::render_pieces(const vertex* d_vertices, std::uint32_t vertex_count, const triangle* d_pieces,
+                                   std::size_t count) {
+    if (count == 0) return;
+    const raster r{d_vertices, d_pieces, vertex_count, m_heights.get(), winners(Values),
+                   halden::core::width_of(m_heights), halden::core::height_of(m_heights)};
+    m_queue.parallel_for(range<1>{count}, HALDEN_KERNEL(std::size_t i) {
+        vertex a, b, c;
+        if (!r.corners(std::uint32_t(i), a, b, c) || raster::culled(a, b, c)) return;
+        const std::uint32_t parent = r.triangles[i].pad;
+        int x0, y0, bw, bh;
+        if (!clamped_box(a, b, c, r.width, r.height, x0, y0, bw, bh)) return;
+        for (int y = y0; y < y0 + bh; ++y)
+            for (int x = x0; x < x0 + bw; ++x) r.template write<Values>(a, b, c, parent, x, y);
+    });
+    if (Values) resolve_winners();
+}
+
+template void MeshRasterizer::render_pieces<false>(const vertex*, std::uint32_t, const triangle*, std::size_t);
+template void MeshRasterizer::render_pieces<true>(const vertex*, std::uint32_t, const triangle*, std::size_t);
+
 // Kernels live in free functions: a device lambda may not be defined in a
 // constructor or a private member.
 void clear_winners(queue& q, std::uint64_t* w, std::size_t n) {

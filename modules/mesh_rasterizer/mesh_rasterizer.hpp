@@ -88,6 +88,27 @@ public:
 
     const grid& heights() const { return m_heights; }
     const grid& ids() const { return m_ids; }
+    // Device vertices (grid coordinates once processed) and triangles.
+    const vertex* device_vertices() const { return m_vertices.get(); }
+    const triangle* device_triangles() const { return m_triangles.get(); }
+    // Per cell, the packed winner of the last render with values: the
+    // complement of the winning triangle's index in the low 32 bits, which
+    // is past every triangle (~0) where none won.
+    const std::uint64_t* cell_winners() const { return m_winners.get(); }
+
+    // The vertex transform of process_vertices, same arithmetic, applied to
+    // `count` other device vertices (pieces cut from the mesh's triangles),
+    // so that they land where the mesh's own vertices would.
+    void transform_vertices(vertex* d_vertices, std::size_t count);
+    // Renders `count` pieces, triangles over `d_vertices` in grid
+    // coordinates, by the coverage and depth rules, one item per piece over
+    // its clamped box. A piece's `pad` holds the index of the mesh triangle
+    // it was cut from: the winner names that triangle, so pieces write their
+    // parent's value and settle ties as their parent would. With Values the
+    // heights and values are resolved from the winners afterwards.
+    template <bool Values>
+    void render_pieces(const vertex* d_vertices, std::uint32_t vertex_count, const triangle* d_pieces,
+                       std::size_t count);
 
 private:
     // The packed winners a render writes into; a render with values needs them.

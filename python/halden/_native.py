@@ -152,6 +152,23 @@ class RasterizerParameters(ctypes.Structure):
                 ("padding", u8)]
 
 
+@_record("halden_tangent_parameters")
+class TangentParameters(ctypes.Structure):
+    _fields_ = [("transform", RasterizerParameters), ("terrain_size", f32), ("height_scale", f32),
+                ("margin", i32), ("encoding", u32), ("flip_green", u32), ("reserved", u32)]
+
+
+@_record("halden_texture")
+class Texture(ctypes.Structure):
+    _fields_ = [("values", FLOATS), ("width", i32), ("height", i32)]
+
+
+@_record("halden_triplanar_parameters")
+class TriplanarParameters(ctypes.Structure):
+    _fields_ = [("transform", RasterizerParameters), ("texture_size", f32), ("amplitude", f32), ("midlevel", f32),
+                ("sharpness", f32), ("edge_length", f32), ("max_subdivision", u32)]
+
+
 @_record("halden_cellular3d_parameters")
 class CellularParameters(ctypes.Structure):
     _fields_ = [("width", i32), ("height", i32), ("frequency", f32), ("z", f32), ("z_scale", f32), ("seed", u32),
@@ -193,6 +210,17 @@ class StampParameters(ctypes.Structure):
                 ("height_min", f32), ("height_max", f32), ("height_mode", i32), ("blend", i32), ("opacity", f32),
                 ("smoothness", f32), ("falloff", f32), ("filter", i32), ("slope_min", f32), ("slope_max", f32),
                 ("elevation_min", f32), ("elevation_max", f32), ("reserved", u32)]
+
+
+@_record("halden_points")
+class Points(ctypes.Structure):
+    _fields_ = [("points", FLOATS), ("count", u32), ("reserved", u32)]
+
+
+@_record("halden_point_parameters")
+class PointParameters(ctypes.Structure):
+    _fields_ = [("transform", RasterizerParameters), ("mode", i32), ("fill", i32), ("radius", f32), ("power", f32),
+                ("max_fill", f32), ("empty", f32)]
 
 
 def floats(array: np.ndarray | None):
@@ -248,3 +276,11 @@ DuneSimulation = _declare("DuneSimulation", u32, QUEUE, FLOATS, FLOATS, FLOATS, 
 StampInstancer_Populate = _declare("StampInstancer_Populate", u32, QUEUE, FLOATS, ctypes.POINTER(Stamps), FLOATS,
                                    ctypes.POINTER(StampInstance), UINTS, FLOATS, ctypes.POINTER(StampParameters),
                                    TABLE_P)
+MeshRasterizer_RenderPointCloud = _declare("MeshRasterizer_RenderPointCloud", u32, QUEUE, ctypes.POINTER(Points),
+                                           FLOATS, FLOATS, ctypes.POINTER(PointParameters), TABLE_P)
+MeshRasterizer_ComputeTangentSpaceNormals = _declare("MeshRasterizer_ComputeTangentSpaceNormals", u32, QUEUE,
+                                                     ctypes.POINTER(Mesh), FLOATS, FLOATS, FLOATS, FLOATS,
+                                                     ctypes.POINTER(TangentParameters), TABLE_P)
+MeshRasterizer_RenderMeshWithTriplanarDisplacement = _declare(
+    "MeshRasterizer_RenderMeshWithTriplanarDisplacement", u32, QUEUE, ctypes.POINTER(Mesh), FLOATS, FLOATS,
+    ctypes.POINTER(Texture), ctypes.POINTER(TriplanarParameters), TABLE_P)

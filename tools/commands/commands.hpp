@@ -30,6 +30,8 @@
     X(color_transport, "color-transport", "carry colour downstream along the flow of water")                  \
     X(sunlight, "sunlight", "sum a day's or a season's sunlight over a height grid, with terrain shadows")    \
     X(dunes, "dunes", "blow the sand lying on a bedrock grid into dunes")                                     \
+    X(rasterize_points, "rasterize-points", "grid a point cloud (lidar, photogrammetry) into a height grid")  \
+    X(bake_normals, "bake-normals", "bake a height grid's detail into a tangent-space normal map for a mesh")  \
     X(demo, "demo", "shape, erode, flow-map and shade a generated terrain and a real one into pictures")
 
 namespace commands {

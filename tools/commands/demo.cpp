@@ -19,6 +19,7 @@
 #include "commands/commands.hpp"
 #include "commands/runs.hpp"
 #include "commands/terrain.hpp"
+#include "formats/png.hpp"
 
 namespace {
 
@@ -162,6 +163,15 @@ class DemoRun {
 
 // The flow map over the shaded relief: water blue, opaque from a third of
 // the map's saturating range up. `planes` are shade_grid's.
+// Planes of values 0 to 1 as interleaved bytes, as they are: a normal map
+// is data, read back linearly, not light to encode for display.
+std::vector<uint8_t> data_bytes(const std::vector<float>& planes, size_t cells) {
+    std::vector<uint8_t> bytes(3 * cells);
+    for (size_t i = 0; i < 3 * cells; ++i)
+        bytes[i] = static_cast<uint8_t>(std::lround(255.0f * std::clamp(planes[(i % 3) * cells + i / 3], 0.0f, 1.0f)));
+    return bytes;
+}
+
 Grid flow_over_relief(const Grid& flow, const std::vector<float>& planes) {
     const size_t cells = flow.cells.size();
     Grid rgb{flow.width, flow.height, std::vector<float>(planes.begin(), planes.begin() + 3 * cells), {}};
@@ -194,8 +204,9 @@ class DemoCommand final : public cli::Command {
                "the folder for the results (default demo-output): relief.png (the shaded relief), flow.png (the "
                "flow map over the relief), eroded.png (the relief after erosion), cells.png (cellular cracks "
                "over the relief), sunlight.png (a midwinter day's sunlight), craters.png (stamped craters), "
-               "debris.png (rockfall scree), colour.png (colour carried down the rivers), dunes.png (a "
-               "dune field of its own, at most 256x256), terrain.npy, "
+               "debris.png (rockfall scree), points.png (a point survey gridded, its gaps filled), normals.png "
+               "(the eroded terrain's detail as a tangent-space normal map for a mesh of every 16th cell), colour.png "
+               "(colour carried down the rivers), dunes.png (a dune field of its own, at most 256x256), terrain.npy, "
                "median.npy, thermal.npy, flow.npy and eroded.npy, and for the real model the same pictures "
                "prefixed dem-");
         d.text("--gallery", gallery_, "DIR",
@@ -338,8 +349,9 @@ class DemoCommand final : public cli::Command {
 
     // Writes GALLERY/NAME: the picture's colour planes averaged over 2 x 2
     // blocks (in linear light, before the sRGB encoding), for a small copy.
+    // `data` planes (a normal map) are stored as they are, not as light.
     int gallery_picture(cli::Context& c, const std::string& name, const Grid& planes, uint32_t width,
-                        uint32_t height) {
+                        uint32_t height, bool data = false) {
         const uint32_t w = std::max<uint32_t>(width / 2, 1), h = std::max<uint32_t>(height / 2, 1);
         const size_t cells = size_t{width} * height, half = size_t{w} * h;
         std::vector<float> small(3 * half);
@@ -360,7 +372,9 @@ class DemoCommand final : public cli::Command {
         const cli::Stopwatch watch;
         PendingOutputs outputs;
         const float* p = small.data();
-        if (!cli::write_picture(outputs, gallery_ + "/" + name, w, h, p, p + half, p + 2 * half, error_) ||
+        const std::string path = gallery_ + "/" + name;
+        if (!(data ? write_png_rgb(outputs, path, w, h, data_bytes(small, half), error_)
+                   : cli::write_picture(outputs, path, w, h, p, p + half, p + 2 * half, error_)) ||
             !outputs.commit(error_))
             return cli::fail(cli::kIo, "%s", error_.c_str());
         c.timings.write += watch.milliseconds();
@@ -651,6 +665,103 @@ class DemoCommand final : public cli::Command {
                 if (cli::interrupted()) return cancelled();
                 if (!rocky_planes.cells.empty())
                     if (const int code = picture(prefix + "debris.png", rocky_planes); code != cli::kOk) return code;
+            }
+        }
+        // A survey of the eroded terrain: one point per cell on average at
+        // places drawn by xorshift, a little noise in the heights, two
+        // circles left unsurveyed; gridded by the mean with pull-push
+        // filling, shaded as PREFIXpoints.png.
+        if (!eroded.cells.empty()) {
+            const Grid surveyed = demo.run(prefix + "point cloud", eroded, mcells, [&](halden_queue* q, Grid& g,
+                                                                                        cli::Timing& t) {
+                const float w = static_cast<float>(g.width), h = static_cast<float>(g.height);
+                std::vector<float> xyz;
+                xyz.reserve(3 * g.cells.size());
+                uint32_t s = 0x2545F491u;
+                const auto draw = [&s] {
+                    s ^= s << 13;
+                    s ^= s >> 17;
+                    s ^= s << 5;
+                    return static_cast<float>(s >> 8) * 0x1p-24f;
+                };
+                for (size_t i = 0; i < g.cells.size(); ++i) {
+                    const float x = draw() * w, y = draw() * h, noise = (draw() - 0.5f) * 0.0005f * extent;
+                    const float ax = x - 0.3f * w, ay = y - 0.4f * h, bx = x - 0.7f * w, by = y - 0.65f * h;
+                    if (ax * ax + ay * ay < 0.01f * w * w || bx * bx + by * by < 0.005f * w * w) continue;
+                    const size_t cell = static_cast<size_t>(y) * g.width + static_cast<size_t>(x);
+                    xyz.insert(xyz.end(), {x, y, g.cells[cell] + noise});
+                }
+                const halden_points cloud{xyz.data(), static_cast<uint32_t>(xyz.size() / 3), 0};
+                halden_point_parameters p{};
+                p.transform.width = static_cast<int32_t>(g.width);
+                p.transform.height = static_cast<int32_t>(g.height);
+                p.transform.scale = p.transform.depth_divisor = 1.0f;
+                p.mode = HALDEN_POINTS_MEAN, p.fill = HALDEN_POINTS_FILL_PULL_PUSH, p.power = 2.0f;
+                return cli::timed(mcells, t, [&] {
+                    return MeshRasterizer_RenderPointCloud(q, &cloud, g.cells.data(), nullptr, &p, cli::callbacks());
+                });
+            });
+            if (cli::interrupted()) return cancelled();
+            if (!surveyed.cells.empty()) {
+                const Grid surveyed_planes = shading(prefix + "shading points", surveyed);
+                if (cli::interrupted()) return cancelled();
+                if (!surveyed_planes.cells.empty())
+                    if (const int code = picture(prefix + "points.png", surveyed_planes); code != cli::kOk)
+                        return code;
+            }
+        }
+        // The eroded terrain's detail baked for a low-polygon mesh of it (a
+        // vertex every 16th cell), written as PREFIXnormals.png in the 0 to 1
+        // encoding, linear bytes as engines read normal maps.
+        if (!eroded.cells.empty()) {
+            const Grid baked = demo.run(prefix + "tangent normals", eroded, mcells, [&](halden_queue* q, Grid& g,
+                                                                                      cli::Timing& t) {
+                // The last row and column of vertices on the grid's last cells.
+                const uint32_t step = 16, nx = (g.width + step - 2) / step + 1, ny = (g.height + step - 2) / step + 1;
+                std::vector<float> vertices;
+                std::vector<uint32_t> triangles;
+                for (uint32_t j = 0; j < ny; ++j)
+                    for (uint32_t i = 0; i < nx; ++i) {
+                        const uint32_t x = std::min(i * step, g.width - 1), y = std::min(j * step, g.height - 1);
+                        vertices.insert(vertices.end(), {x + 0.5f, y + 0.5f, g.cells[size_t{y} * g.width + x]});
+                    }
+                for (uint32_t j = 0; j + 1 < ny; ++j)
+                    for (uint32_t i = 0; i + 1 < nx; ++i) {
+                        const uint32_t a = j * nx + i;
+                        triangles.insert(triangles.end(), {a, a + nx, a + 1, a + 1, a + nx, a + nx + 1});
+                    }
+                const halden_mesh mesh{vertices.data(), nx * ny, 0, triangles.data(),
+                                       static_cast<uint32_t>(triangles.size() / 3), 0};
+                halden_tangent_parameters p{};
+                p.transform.width = static_cast<int32_t>(g.width);
+                p.transform.height = static_cast<int32_t>(g.height);
+                p.transform.scale = p.transform.depth_divisor = 1.0f;
+                p.terrain_size = extent, p.height_scale = kPictureRelief, p.margin = 2;
+                p.encoding = HALDEN_TANGENT_UNSIGNED;
+                const size_t cells = g.cells.size();
+                std::vector<float> rgb(3 * cells);
+                const uint32_t status = cli::timed(mcells, t, [&] {
+                    return MeshRasterizer_ComputeTangentSpaceNormals(q, &mesh, g.cells.data(), rgb.data(),
+                                                                     rgb.data() + cells, rgb.data() + 2 * cells, &p,
+                                                                     cli::callbacks());
+                });
+                g.cells = std::move(rgb);
+                return status;
+            });
+            if (cli::interrupted()) return cancelled();
+            if (!baked.cells.empty()) {
+                const size_t cells = size_t{baked.width} * baked.height;
+                if (const int code = write(c, demo, prefix + "normals.png",
+                                           [&](PendingOutputs& outputs, const std::string& path) {
+                                               return write_png_rgb(outputs, path, baked.width, baked.height,
+                                                                    data_bytes(baked.cells, cells), error_);
+                                           });
+                    code != cli::kOk)
+                    return code;
+                if (!gallery_.empty() && prefix == "dem-")
+                    if (const int code = gallery_picture(c, "normals.png", baked, baked.width, baked.height, true);
+                        code != cli::kOk)
+                        return code;
             }
         }
         if (shaped_out) *shaped_out = std::move(shaped);
