@@ -6,7 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages="cmake ninja-build g++ libgtest-dev libbenchmark-dev libgdal-dev libcli11-dev libpng-dev libassimp-dev
-          python3-numpy python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python-matplotlib-data"
+          python3-numpy python3-pytest python3-pip python3-venv python3-setuptools python3-wheel python-matplotlib-data
+          python3-xarray python3-rioxarray python3-dask python3-distributed"
 if ! dpkg -s $packages >/dev/null 2>&1; then
     apt-get update -qq
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $packages

@@ -38,8 +38,14 @@ The operations live in one module per family and are all re-exported here:
 queues (Device, devices, Queue), filters (median_filter, blur), shaping
 (thermal_shape), erosion (thermal_erode, Weathering, erode, Erosion), wind
 (dunes), flowmaps (flow), colour (color_transport), lighting (shade, Shading,
-sunlight, Sunlight), meshes (rasterize), noise (cellular), stamping (stamp,
-Stamping) and rockfall (debris, Debris).
+sunlight, Sunlight), meshes (rasterize), points
+(rasterize_points), noise (cellular), stamping (stamp,
+Stamping), rockfall (debris, Debris) and baking (bake_normals).
+
+Every operation also takes xarray DataArrays for its grids and then
+returns DataArrays with the grid's dims, coordinates, attributes and
+georeference, taking an unset world width or cell size from it; halden.dask
+runs the operations tile by tile over dask arrays.
 
 The shared library is loaded from the path in the environment variable
 HALDEN_LIBRARY when that is set, else from libHalden.AdaptiveCpp.so (or
@@ -47,12 +53,14 @@ libHalden.AdaptiveCpp.so.*) next to this file.
 """
 
 from ._calls import Cancelled, HaldenError
+from .baking import bake_normals
 from .colour import color_transport
 from .erosion import Erosion, Weathering, erode, thermal_erode
 from .filters import blur, median_filter
 from .flowmaps import flow
 from .lighting import Shading, shade
 from .meshes import rasterize
+from .points import rasterize_points
 from .noise import cellular
 from .queues import Device, Queue, devices
 from .rockfall import Debris, debris
@@ -62,8 +70,14 @@ from .sunlight import Sunlight, sunlight
 from .wind import dunes
 
 __all__ = ["Cancelled", "Debris", "Device", "Erosion", "HaldenError", "Queue", "Shading", "Stamping", "Sunlight",
-           "Weathering", "blur", "cellular", "color_transport", "debris", "devices", "dunes", "erode", "flow",
-           "median_filter", "rasterize", "shade", "stamp", "sunlight", "thermal_erode", "thermal_shape"]
+           "Weathering", "bake_normals", "blur", "cellular", "color_transport", "debris", "devices", "dunes", "erode", "flow",
+           "median_filter", "rasterize", "rasterize_points", "shade", "stamp", "sunlight", "thermal_erode",
+           "thermal_shape"]
+
+# DataArray grids in and out of every operation; NumPy calls pass straight through.
+from . import _xarray  # noqa: E402
+
+_xarray.wrap_all(globals())
 
 # Tracebacks and reprs then name the classes where users find them.
 for _public in (Cancelled, Debris, Device, Erosion, HaldenError, Queue, Shading, Stamping, Sunlight, Weathering):
