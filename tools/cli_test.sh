@@ -418,6 +418,105 @@ expect 1 "rasterize --size with one value" "$halden" rasterize square.obj out.np
 expect 2 "rasterize with an ids grid that cannot be written" "$halden" rasterize square.obj fresh.npy --size 4 4 \
     --ids no-such-dir/ids.npy
 check "it creates no height grid" test ! -e fresh.npy
+floats '\x00\x00\x40\x3f' 4 three-quarters.raw  # a 2x2 texture of 0.75
+expect 0 "rasterize --displace --amplitude 0" "$halden" rasterize square.obj still.raw --size 16 8 --ids still-ids.raw \
+    --displace three-quarters.raw --amplitude 0
+check "amplitude 0 renders the plain heights bit for bit" cmp still.raw square.raw
+check "and the plain ids" cmp still-ids.raw ids.raw
+expect 0 "rasterize --displace a constant texture" "$halden" rasterize square.obj lifted.raw --size 4 4 \
+    --displace three-quarters.raw --amplitude 2 --sharpness 1 --edge-length 0.5
+check "the summary names the texture" grep -q ' into 4x4, displaced by three-quarters.raw (2x2) on ' out.txt
+# 2 + 2 x (0.75 - 0.5) mesh units, times the fit's 4 cells per unit.
+py "a constant texture lifts the square by amplitude x (value - midlevel)" 'import sys; from grid_load import load
+sys.exit(0 if all(abs(h - 10) <= 10e-6 for h in load(sys.argv[1])) else 1)' lifted.raw
+printf '\x00\x00\x80\x3f\x00\x00\x80\x3f\x00\x00\x00\x00\x00\x00\x00\x00' >top-row.raw  # rows 1 1 and 0 0
+expect 0 "rasterize --displace a texture lit on its first row" "$halden" rasterize square.obj top.raw --size 4 4 \
+    --displace top-row.raw
+py "the texture's first row lies at the top of the picture" 'import sys; from grid_load import load
+h = load(sys.argv[1])
+sys.exit(0 if sum(h[:8]) > sum(h[8:]) + 4 else 1)' top.raw
+for bad in "--sharpness 65" "--max-subdivision 0" "--edge-length 0" "--texture-size -1" "--amplitude nan"; do
+    # shellcheck disable=SC2086
+    expect 1 "rasterize --displace $bad" "$halden" rasterize square.obj out.npy --size 4 4 \
+        --displace three-quarters.raw $bad
+done
+expect 1 "rasterize --amplitude without --displace" "$halden" rasterize square.obj out.npy --size 4 4 --amplitude 2
+expect 2 "rasterize --displace a missing texture" "$halden" rasterize square.obj fresh.npy --size 4 4 \
+    --displace no-such-texture.npy
+check "it names the texture and creates no height grid" \
+    bash -c 'grep -q no-such-texture.npy err.txt && test ! -e fresh.npy'
+
+# --- bake-normals --------------------------------------------------------------------------------
+expect 0 "bake-normals of a flat square against flat heights" "$halden" bake-normals square.obj square.npy flat.png \
+    --fit --green flat-g.raw --blue flat-b.raw
+check "bake-normals reports the mesh and the grid" \
+    grep -q '^bake-normals square.obj: 4 vertices, 2 triangles against 16x16 (OpenGL) on ' out.txt
+check "bake-normals writes a PNG" test -s flat.png
+# The rendered heights carry the interpolation's rounding, a few ulps of 32.
+py "a mesh that follows the heights bakes (0, 0, 1)" 'import sys; from grid_load import load
+g, b = load(sys.argv[1]), load(sys.argv[2])
+sys.exit(0 if all(abs(y) < 1e-5 for y in g) and all(abs(z - 1) < 1e-6 for z in b) else 1)' \
+    flat-g.raw flat-b.raw
+# Heights rising to the right and up the picture, under the same flat square.
+printf 'v 0 0 0\nv 1 0 1\nv 1 1 1.5\nv 0 1 0.5\nf 1 2 3\nf 1 3 4\n' >tilted.obj
+expect 0 "rasterize a tilted plane" "$halden" rasterize tilted.obj tilted.npy --size 16 16
+expect 0 "bake-normals, OpenGL" "$halden" bake-normals square.obj tilted.npy gl.png --fit --red gl-r.raw \
+    --green gl-g.raw
+expect 0 "bake-normals, DirectX" "$halden" bake-normals square.obj tilted.npy dx.png --fit --directx --green dx-g.raw
+py "the normal leans left and down the picture; DirectX negates green" 'import sys; from grid_load import load
+r, g, d = load(sys.argv[1]), load(sys.argv[2]), load(sys.argv[3])
+sys.exit(0 if all(x < 0 for x in r) and all(y < 0 for y in g) and [-y for y in g] == list(d) else 1)' \
+    gl-r.raw gl-g.raw dx-g.raw
+expect 1 "bake-normals to a grid file" "$halden" bake-normals square.obj square.npy out.npy
+expect 1 "bake-normals --margin 65" "$halden" bake-normals square.obj square.npy out.png --margin 65
+expect 2 "bake-normals of a face with a bad index" "$halden" bake-normals bad-index.obj square.npy out.png
+
+# --- rasterize-points ----------------------------------------------------------------------------
+# Four points on the corners of a unit square, heights 1 to 4: fitted into 2 x 2, one point a cell.
+printf '# x y z\n0 0 1\n1,0,2 extra\n\n0 1 3\n1 1 4 # last\n' >corners.xyz
+expect 0 "rasterize-points from text" "$halden" rasterize-points corners.xyz corners.raw --size 2 2 --counts n.raw
+check "rasterize-points counts the points and cells" \
+    grep -q '^rasterize-points corners.xyz: 4 points (4 inside) into 2x2 (mean, .*, 4 of 4 cells with a value$' out.txt
+py "the top row holds the points of the largest y" 'import sys; from grid_load import load
+h, n = load(sys.argv[1]), load(sys.argv[2]); s = 2 * (1 - 2 ** -20)
+ok = all(abs(h[i] - z * s) <= 1e-5 for i, z in enumerate([3, 4, 1, 2]))
+sys.exit(0 if ok and list(n) == [1, 1, 1, 1] else 1)' corners.raw n.raw
+npy "{'descr': '<f8', 'fortran_order': False, 'shape': (4, 3), }" \
+    '\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\xf0\x3f\0\0\0\0\0\0\xf0\x3f\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x40'\
+'\0\0\0\0\0\0\0\0\0\0\0\0\0\0\xf0\x3f\0\0\0\0\0\0\x08\x40\0\0\0\0\0\0\xf0\x3f\0\0\0\0\0\0\xf0\x3f\0\0\0\0\0\0\x10\x40' \
+    corners.npy
+expect 0 "rasterize-points from float64 .npy" "$halden" rasterize-points corners.npy corners-npy.raw --size 2 2
+check ".npy and text give the same grid" cmp corners.raw corners-npy.raw
+printf 'ply\nformat ascii 1.0\nelement vertex 4\nproperty float x\nproperty uchar red\nproperty float y\n%s\n' \
+    'property double z' >corners.ply
+printf 'end_header\n0 9 0 1\n1 9 0 2\n0 9 1 3\n1 9 1 4\n' >>corners.ply
+expect 0 "rasterize-points from ascii PLY" "$halden" rasterize-points corners.ply corners-ply.raw --size 2 2
+check "PLY and text give the same grid" cmp corners.raw corners-ply.raw
+py "binary PLY and LAS give the same grid" 'import struct, subprocess, sys
+pts = [(0, 0, 1), (1, 0, 2), (0, 1, 3), (1, 1, 4)]
+head = b"ply\nformat binary_little_endian 1.0\nelement vertex 4\nproperty double x\nproperty float y\n"
+open("bin.ply", "wb").write(head + b"property float z\nproperty int t\nend_header\n" +
+                            b"".join(struct.pack("<dffi", x, y, z, 7) for x, y, z in pts))
+las = bytearray(227); las[0:4] = b"LASF"; las[24:26] = bytes([1, 2])
+struct.pack_into("<HIIBHI", las, 94, 227, 227, 0, 1, 28, 4)
+struct.pack_into("<6d", las, 131, 0.5, 0.5, 0.25, 100.0, 200.0, 0.0)
+recs = b"".join(struct.pack("<iii", int(x * 2), int(y * 2), int(z * 4)) + bytes(16) for x, y, z in pts)
+open("c.las", "wb").write(bytes(las) + recs)
+open("c.laz", "wb").write(bytes(las[:104]) + bytes([0x81]) + bytes(las[105:]) + recs)
+run = lambda f, o: subprocess.run([sys.argv[1], "rasterize-points", f, o, "--size", "2", "2"], capture_output=True)
+same = lambda o: open(o, "rb").read() == open("corners.raw", "rb").read()
+laz = run("c.laz", "laz.raw")
+ok = run("bin.ply", "ply.raw").returncode == 0 and same("ply.raw") and run("c.las", "las.raw").returncode == 0
+sys.exit(0 if ok and same("las.raw") and laz.returncode == 2 and b"compressed" in laz.stderr else 1)' "$halden"
+printf '0 0 1\n1 x 2\n' >bad.xyz
+expect 2 "rasterize-points of a malformed line" "$halden" rasterize-points bad.xyz out.npy --size 2 2
+check "the line is named" grep -q 'bad.xyz:2: expected x y z' err.txt
+expect 1 "rasterize-points --mode median" "$halden" rasterize-points corners.xyz out.npy --size 2 2 --mode median
+expect 0 "rasterize-points with fill, idw and a radius" "$halden" rasterize-points corners.xyz filled.raw --size 5 5 \
+    --mode idw --radius 1 --fill pull-push --empty -7
+py "every cell is filled within the points' range" 'import sys; from grid_load import load
+h = load(sys.argv[1]); s = 5 * (1 - 2 ** -20)
+sys.exit(0 if all(s - 1e-4 <= v <= 4 * s + 1e-4 for v in h) else 1)' filled.raw
 
 # --- cellular ------------------------------------------------------------------------------------
 expect 0 "cellular 40x24" "$halden" cellular cells.raw --size 40 24 --frequency 5 --result f2-f1 --octaves 2

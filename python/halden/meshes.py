@@ -15,6 +15,8 @@ def rasterize(q: Queue, vertices: npt.ArrayLike, triangles: npt.ArrayLike, width
               centre: tuple[float, float, float] = (0.0, 0.0, 0.0), scale: float = 1.0,
               offset: tuple[float, float, float] = (0.0, 0.0, 0.0), depth_divisor: float = 1.0, shift: float = 0.0,
               supersample: bool = False, ids: bool = False, cancel: Callable[[], object] | None = None,
+              displacement: npt.ArrayLike | None = None, texture_size: float | None = None, amplitude: float = 1.0,
+              midlevel: float = 0.5, sharpness: float = 4.0, edge_length: float = 1.0, max_subdivision: int = 64,
               ) -> npt.NDArray[np.float32] | tuple[npt.NDArray[np.float32], npt.NDArray[np.float32]]:
     """Renders a triangle mesh into a height grid of `height` rows and `width` columns.
 
@@ -44,6 +46,33 @@ def rasterize(q: Queue, vertices: npt.ArrayLike, triangles: npt.ArrayLike, width
     cancel:        callable() polled between batches of the rendering and
                    once after it; a true return cancels (default None). The
                    library reports no progress for rasterising.
+
+    With a `displacement` texture the surface is first displaced along its
+    vertex normals by a texture projected along the three axes (triplanar),
+    so that cliffs and steep faces get detail without texture coordinates.
+    Each edge is cut into ceil(length / edge_length) pieces (a count shared by
+    the triangles on both sides of it, so there are no cracks), each triangle
+    into a grid of pieces that meets its edges' cuts, and every point moves by
+    amplitude * (t - midlevel), t the blend of three bilinear, repeating
+    texture reads at (y, z), (x, z) and (x, y) / texture_size weighted by
+    |n.x|^k, |n.y|^k, |n.z|^k. Pieces name their parent triangle in ids.
+    amplitude=0 renders exactly what the call without a texture renders.
+
+    displacement:  2-D texture (rows, columns), any real dtype, finite, 1 to
+                   65536 each side; repeats in both directions (default None:
+                   no displacement, and the arguments below are unused)
+    texture_size:  mesh units (before the transform) one repeat spans,
+                   finite and > 0 (default None: the larger of the mesh's x
+                   and y spans, 1.0 if both are 0)
+    amplitude:     mesh units of displacement per texture unit, finite
+                   (default 1.0)
+    midlevel:      the texture value that displaces nothing, finite
+                   (default 0.5)
+    sharpness:     exponent k of the blend weights, 0 to 64 (default 4.0)
+    edge_length:   wanted length of a piece's edge in output cells, measured
+                   in 3-D after the transform, finite and > 0 (default 1.0)
+    max_subdivision: most pieces one edge is cut into, 1 to 1024 (default
+                   64); at most 2^30 pieces in all, else HaldenError
     Returns heights, a float32 (height, width) grid holding the highest
     triangle covering each cell centre, or numpy.finfo(numpy.float32).min
     where none does; with ids=True the tuple (heights, ids), ids float32 of
@@ -65,6 +94,28 @@ def rasterize(q: Queue, vertices: npt.ArrayLike, triangles: npt.ArrayLike, width
         supersample=bool(supersample))
     out = np.empty((rows, columns), np.float32)
     winners = np.empty_like(out) if ids else None
-    _calls.run(_native.MeshRasterizer_RenderMesh, q, ctypes.byref(mesh), _native.floats(out),
-               _native.floats(winners), ctypes.byref(record), _calls.TABLE, cancel=cancel)
+    if displacement is None:
+        _calls.run(_native.MeshRasterizer_RenderMesh, q, ctypes.byref(mesh), _native.floats(out),
+                   _native.floats(winners), ctypes.byref(record), _calls.TABLE, cancel=cancel)
+        return (out, winners) if ids else out
+    values = _checks.grid(displacement, "displacement")
+    if max(values.shape) > 65536:
+        raise ValueError(f"displacement may have at most 65536 rows and columns, got shape {values.shape}")
+    if not np.isfinite(values).all():
+        raise ValueError("displacement must hold finite values only")
+    if texture_size is None:
+        # One repeat over the mesh's footprint, so a texture reads like a map of it.
+        plane = points[:, :2].astype(np.float64)
+        span = float((plane.max(axis=0) - plane.min(axis=0)).max()) if len(points) else 0.0
+        texture_size = span if 0 < np.float32(span) < math.inf else 1.0
+    texture = _native.Texture(_native.floats(values), values.shape[1], values.shape[0])
+    displaced = _native.TriplanarParameters(
+        transform=record, texture_size=_checks.positive(texture_size, "texture_size"),
+        amplitude=_checks.number(amplitude, "amplitude"), midlevel=_checks.number(midlevel, "midlevel"),
+        sharpness=_checks.between(sharpness, "sharpness", 0.0, 64.0),
+        edge_length=_checks.positive(edge_length, "edge_length"),
+        max_subdivision=_checks.integer(max_subdivision, _native.u32, "max_subdivision", 1, 1024))
+    _calls.run(_native.MeshRasterizer_RenderMeshWithTriplanarDisplacement, q, ctypes.byref(mesh),
+               _native.floats(out), _native.floats(winners), ctypes.byref(texture), ctypes.byref(displaced),
+               _calls.TABLE, cancel=cancel)
     return (out, winners) if ids else out
