@@ -139,6 +139,13 @@ double world_width(const Grid& grid) {
 
 double cell_width(const Grid& grid) { return world_width(grid) / grid.width; }
 
+double fit_scale(double span_x, double span_y, double width, double height) {
+    if (span_x > 0.0 && span_y > 0.0) return std::min(width / span_x, height / span_y);
+    if (span_x > 0.0) return width / span_x;
+    if (span_y > 0.0) return height / span_y;
+    return 1.0;
+}
+
 bool int32_grid_ok(const Grid& grid) {
     return grid.width <= INT32_MAX && grid.height <= INT32_MAX && grid.cells.size() <= size_t{INT32_MAX};
 }

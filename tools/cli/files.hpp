@@ -44,6 +44,11 @@ double world_width(const Grid& grid);
 // unknown.
 double cell_width(const Grid& grid);
 
+// The factor that fits an x/y box of span_x by span_y into a width x height
+// grid: the largest that keeps it inside, along the one axis it spans when
+// it is flat along the other, and 1 for a point.
+double fit_scale(double span_x, double span_y, double width, double height);
+
 // Whether the exports that take int32 sides and at most 2^31 - 1 cells (all
 // but the median filter and the blur) can take the grid.
 bool int32_grid_ok(const Grid& grid);

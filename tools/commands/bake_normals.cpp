@@ -102,8 +102,7 @@ public:
         double scale = w / terrain_size_, left = 0.0, top = h / scale;
         if (fit_) {
             const double span_x = static_cast<double>(x1) - x0, span_y = static_cast<double>(y1) - y0;
-            scale = span_x > 0.0 && span_y > 0.0 ? std::min(w / span_x, h / span_y)
-                                                 : (span_x > 0.0 ? w / span_x : (span_y > 0.0 ? h / span_y : 1.0));
+            scale = cli::fit_scale(span_x, span_y, w, h);
             left = x0, top = y1;
         }
         // Mesh heights in world units become height units: z * scale / (scale * H).

@@ -131,13 +131,7 @@ class RasterizeCommand final : public cli::Command {
         }
         // In double: the spans of float coordinates may overflow float.
         const double span_x = static_cast<double>(x1) - x0, span_y = static_cast<double>(y1) - y0;
-        double scale = 1.0;
-        if (span_x > 0.0 && span_y > 0.0)
-            scale = std::min(width_ / span_x, height_ / span_y);
-        else if (span_x > 0.0)
-            scale = width_ / span_x;
-        else if (span_y > 0.0)
-            scale = height_ / span_y;
+        const double scale = cli::fit_scale(span_x, span_y, width_, height_);
         if (!std::isfinite(static_cast<float>(scale)))
             return cli::fail(cli::kIo, "%s: the mesh spans %g x %g, too little to scale to %ux%u cells in float32",
                              in_.c_str(), span_x, span_y, width_, height_);

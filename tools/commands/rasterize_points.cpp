@@ -107,16 +107,9 @@ public:
             y1 = std::max(y1, data.xyz[i + 1]);
         }
         const double span_x = x1 - x0, span_y = y1 - y0;
-        double scale = 1.0;
-        if (span_x > 0.0 && span_y > 0.0)
-            scale = std::min(width_ / span_x, height_ / span_y);
-        else if (span_x > 0.0)
-            scale = width_ / span_x;
-        else if (span_y > 0.0)
-            scale = height_ / span_y;
         // Points on the far edges would land exactly on the grid's end,
         // outside its last cells: fit into a hair less.
-        scale *= 1.0 - 0x1p-20;
+        const double scale = cli::fit_scale(span_x, span_y, width_, height_) * (1.0 - 0x1p-20);
         if (!std::isfinite(static_cast<float>(scale)))
             return cli::fail(cli::kIo, "%s: the points span %g x %g, too little to scale to %ux%u cells in float32",
                              in_.c_str(), span_x, span_y, width_, height_);
