@@ -23,14 +23,7 @@ mesh_rasterizer::Parameters record(int w, int h, bool supersample = false) {
     return p;
 }
 
-struct mesh_data {
-    std::vector<float> vertices;
-    std::vector<std::uint32_t> triangles;
-    halden_mesh record() const {
-        return {vertices.data(), std::uint32_t(vertices.size() / 3), 0, triangles.data(),
-                std::uint32_t(triangles.size() / 3), 0};
-    }
-};
+using halden::test::mesh_data;
 
 // Vertices on the cell centres of an n x n heightfield, two triangles per quad in the drawn winding.
 mesh_data terrain_mesh(const std::vector<float>& h, std::uint32_t n) {

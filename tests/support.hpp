@@ -85,4 +85,14 @@ std::string hex(float x);
 // Expects the same bits in every cell; names the first cell that differs.
 void expect_same_bits(const std::vector<float>& got, const std::vector<float>& want);
 
+// A host mesh and its boundary record (valid while the mesh lives).
+struct mesh_data {
+    std::vector<float> vertices;
+    std::vector<std::uint32_t> triangles;
+    halden_mesh record() const {
+        return {vertices.data(),  std::uint32_t(vertices.size() / 3),  0,
+                triangles.data(), std::uint32_t(triangles.size() / 3), 0};
+    }
+};
+
 }  // namespace halden::test

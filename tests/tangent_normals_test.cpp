@@ -27,14 +27,7 @@ halden_tangent_parameters record(int w, int h, int margin = 0, bool directx = fa
     return p;
 }
 
-struct mesh_data {
-    std::vector<float> vertices;
-    std::vector<std::uint32_t> triangles;
-    halden_mesh record() const {
-        return {vertices.data(),  std::uint32_t(vertices.size() / 3),  0,
-                triangles.data(), std::uint32_t(triangles.size() / 3), 0};
-    }
-};
+using halden::test::mesh_data;
 
 // An nx x ny lattice of vertices `step` cells apart from the grid's corner,
 // heights from `z`, two triangles per quad in the drawn winding.

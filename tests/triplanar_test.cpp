@@ -19,14 +19,7 @@ namespace {
 
 constexpr float kNone = -3.4028235e38f;
 
-struct mesh_data {
-    std::vector<float> vertices;
-    std::vector<std::uint32_t> triangles;
-    halden_mesh record() const {
-        return {vertices.data(),  std::uint32_t(vertices.size() / 3),  0,
-                triangles.data(), std::uint32_t(triangles.size() / 3), 0};
-    }
-};
+using halden::test::mesh_data;
 
 // An n x n lattice of vertices `step` apart (jittered in x and y when asked),
 // two triangles per quad in the drawn winding, heights from `height`.

@@ -357,7 +357,8 @@ void MeshRasterizer::render3(std::uint32_t* identifiers) {
                 else if (Heights)
                     r.template write<Values>(a, b, c, t, x, y);
             }
-        });    if (Values) resolve_winners();
+        });
+    if (Values) resolve_winners();
 }
 
 template <bool Heights, bool Values, bool Third, bool Ids>
@@ -379,7 +380,8 @@ void MeshRasterizer::render3_cpu(std::uint32_t* identifiers) {
                 else if (Heights)
                     r.template write<Values>(a, b, c, t, x, y);
             }
-    });    if (Values) resolve_winners();
+    });
+    if (Values) resolve_winners();
 }
 
 template void MeshRasterizer::render3<true, false, true, false>(std::uint32_t*);
@@ -477,6 +479,24 @@ void MeshRasterizer::copy_out(float* h_heights, float* h_ids) {
     m_heights.copy_to_host(h_heights);
     if (h_ids && m_ids.get()) m_ids.copy_to_host(h_ids);
     m_queue.synchronize();
+}
+
+void vertex_triangles(const Mesh& mesh, std::vector<std::uint32_t>& offsets, std::vector<std::uint32_t>& incident) {
+    const std::uint32_t nv = mesh.vertex_count;
+    offsets.assign(std::size_t(nv) + 1, 0u);
+    auto valid = [&](std::size_t t) {
+        const std::uint32_t* c = mesh.triangles + 3 * t;
+        return c[0] < nv && c[1] < nv && c[2] < nv;
+    };
+    for (std::size_t t = 0; t < mesh.triangle_count; ++t)
+        if (valid(t))
+            for (int k = 0; k < 3; ++k) ++offsets[mesh.triangles[3 * t + k] + 1];
+    for (std::size_t v = 0; v < nv; ++v) offsets[v + 1] += offsets[v];
+    incident.assign(offsets[nv], 0u);
+    std::vector<std::uint32_t> next(offsets.begin(), offsets.end() - 1);
+    for (std::size_t t = 0; t < mesh.triangle_count; ++t)
+        if (valid(t))
+            for (int k = 0; k < 3; ++k) incident[next[mesh.triangles[3 * t + k]]++] = std::uint32_t(t);
 }
 
 }  // namespace mesh_rasterizer

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "compute/compute.hpp"
 #include "core/grid.hpp"
@@ -43,6 +44,12 @@ HALDEN_HD inline float triangle_value(std::uint32_t t) {
     s ^= s << 5;
     return float(std::uint32_t(s * 625341313u - 1u)) * 0x1p-32f;
 }
+
+// Per vertex, its triangles in index order, as offsets (vertex_count + 1)
+// into `incident`; triangles indexing past the vertex array are left out, as
+// the renderer leaves them out. Sums over a vertex's triangles in this order
+// come out the same on every device and thread count.
+void vertex_triangles(const Mesh& mesh, std::vector<std::uint32_t>& offsets, std::vector<std::uint32_t>& incident);
 
 class MeshRasterizer {
 public:

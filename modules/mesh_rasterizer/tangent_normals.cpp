@@ -76,30 +76,6 @@ std::uint64_t tangent_memory_estimate(const Mesh& mesh, const TangentParameters&
            28u * std::uint64_t(mesh.triangle_count);
 }
 
-namespace {
-
-// Per vertex, its triangles in index order (those indexing past the vertex
-// array are left out, as the renderer leaves them out): a fixed order of
-// summation, so every device and thread count gives the same frame.
-void vertex_triangles(const Mesh& mesh, std::vector<std::uint32_t>& offsets, std::vector<std::uint32_t>& incident) {
-    const std::uint32_t nv = mesh.vertex_count;
-    offsets.assign(std::size_t(nv) + 1, 0u);
-    auto valid = [&](std::size_t t) {
-        const std::uint32_t* c = mesh.triangles + 3 * t;
-        return c[0] < nv && c[1] < nv && c[2] < nv;
-    };
-    for (std::size_t t = 0; t < mesh.triangle_count; ++t)
-        if (valid(t))
-            for (int k = 0; k < 3; ++k) ++offsets[mesh.triangles[3 * t + k] + 1];
-    for (std::size_t v = 0; v < nv; ++v) offsets[v + 1] += offsets[v];
-    incident.assign(offsets[nv], 0u);
-    std::vector<std::uint32_t> next(offsets.begin(), offsets.end() - 1);
-    for (std::size_t t = 0; t < mesh.triangle_count; ++t)
-        if (valid(t))
-            for (int k = 0; k < 3; ++k) incident[next[mesh.triangles[3 * t + k]]++] = std::uint32_t(t);
-}
-
-}  // namespace
 
 TangentNormals::TangentNormals(queue& q, const Mesh& mesh, const float* h_heights, const TangentParameters& parameters,
                                const halden_callbacks* callbacks)

@@ -269,23 +269,13 @@ TriplanarDisplacement::TriplanarDisplacement(queue& q, const Mesh& mesh, const T
     for (std::size_t i = 0; i < nv; ++i)
         h_positions[i] = {mesh.vertices[3 * i], mesh.vertices[3 * i + 1], mesh.vertices[3 * i + 2], 0.0f};
     std::vector<triangle> h_triangles(nt);
-    // Each vertex's triangles (a counting sort), so that normals sum in an
-    // order fixed by the mesh alone.
-    std::vector<std::uint32_t> h_first(nv + 1, 0);
     for (std::size_t t = 0; t < nt; ++t) {
         const std::uint32_t* v = mesh.triangles + 3 * t;
         h_triangles[t] = {v[0], v[1], v[2], 0u};
-        if (v[0] >= nv || v[1] >= nv || v[2] >= nv) continue;
-        for (int e = 0; e < 3; ++e) ++h_first[v[e] + 1];
     }
-    for (std::size_t i = 0; i < nv; ++i) h_first[i + 1] += h_first[i];
-    std::vector<std::uint32_t> h_incident(std::size_t(h_first[nv]) > 0 ? h_first[nv] : 1);
-    std::vector<std::uint32_t> next(h_first.begin(), h_first.end() - 1);
-    for (std::size_t t = 0; t < nt; ++t) {
-        const std::uint32_t* v = mesh.triangles + 3 * t;
-        if (v[0] >= nv || v[1] >= nv || v[2] >= nv) continue;
-        for (int e = 0; e < 3; ++e) h_incident[next[v[e]]++] = std::uint32_t(t);
-    }
+    std::vector<std::uint32_t> h_first, h_incident;
+    vertex_triangles(mesh, h_first, h_incident);
+    if (h_incident.empty()) h_incident.push_back(0u);
     // Within a vertex, by the triangle's corners (rotated to start at the
     // lowest index, keeping the winding) rather than by its place in the
     // list: the order of the triangles then changes no bit of a normal.

@@ -86,17 +86,7 @@ public:
             terrain_size_ = static_cast<float>(metres > 0.0 ? metres : heights.width);
         }
 
-        // The grid's rows run down the picture while the mesh's y runs up it:
-        // negating y puts the top on the first row and turns counter-clockwise
-        // faces into the winding the library draws.
-        float x0 = INFINITY, x1 = -INFINITY, y0 = INFINITY, y1 = -INFINITY;
-        for (size_t i = 0; i < mesh.vertices.size(); i += 3) {
-            x0 = std::min(x0, mesh.vertices[i]);
-            x1 = std::max(x1, mesh.vertices[i]);
-            y0 = std::min(y0, mesh.vertices[i + 1]);
-            y1 = std::max(y1, mesh.vertices[i + 1]);
-            mesh.vertices[i + 1] = -mesh.vertices[i + 1];
-        }
+        const auto [x0, x1, y0, y1] = turn_over(mesh);
         const double w = heights.width, h = heights.height;
         // World units to cells; --fit takes the largest factor that keeps the box inside.
         double scale = w / terrain_size_, left = 0.0, top = h / scale;

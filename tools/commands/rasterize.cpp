@@ -117,18 +117,7 @@ class RasterizeCommand final : public cli::Command {
             return cli::fail(cli::kIo, "%s: %zu triangles, more than the 2^32 - 1 a mesh may have", in_.c_str(),
                              mesh.triangle_count());
 
-        // The grid's rows run down the picture while the mesh's y runs up it.
-        // Negating y turns the mesh over so that its top lands on the first
-        // row, and that same flip turns counter-clockwise faces into the
-        // winding the library draws.
-        float x0 = INFINITY, x1 = -INFINITY, y0 = INFINITY, y1 = -INFINITY;
-        for (size_t i = 0; i < mesh.vertices.size(); i += 3) {
-            x0 = std::min(x0, mesh.vertices[i]);
-            x1 = std::max(x1, mesh.vertices[i]);
-            y0 = std::min(y0, mesh.vertices[i + 1]);
-            y1 = std::max(y1, mesh.vertices[i + 1]);
-            mesh.vertices[i + 1] = -mesh.vertices[i + 1];
-        }
+        const auto [x0, x1, y0, y1] = turn_over(mesh);
         // In double: the spans of float coordinates may overflow float.
         const double span_x = static_cast<double>(x1) - x0, span_y = static_cast<double>(y1) - y0;
         const double scale = cli::fit_scale(span_x, span_y, width_, height_);

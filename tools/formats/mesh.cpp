@@ -5,6 +5,7 @@
 #include <assimp/scene.h>
 
 #include <assimp/Importer.hpp>
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <system_error>
@@ -60,4 +61,16 @@ bool read_mesh(const std::string& path, MeshData& mesh, std::string& error) {
     }
     mesh = std::move(out);
     return true;
+}
+
+MeshBox turn_over(MeshData& mesh) {
+    MeshBox box{INFINITY, -INFINITY, INFINITY, -INFINITY};
+    for (size_t i = 0; i < mesh.vertices.size(); i += 3) {
+        box.x0 = std::min(box.x0, mesh.vertices[i]);
+        box.x1 = std::max(box.x1, mesh.vertices[i]);
+        box.y0 = std::min(box.y0, mesh.vertices[i + 1]);
+        box.y1 = std::max(box.y1, mesh.vertices[i + 1]);
+        mesh.vertices[i + 1] = -mesh.vertices[i + 1];
+    }
+    return box;
 }

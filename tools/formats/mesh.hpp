@@ -21,3 +21,14 @@ struct MeshData {
 // Vertices repeated exactly are merged. On failure sets `error` to a
 // message that starts with "path: ".
 bool read_mesh(const std::string& path, MeshData& mesh, std::string& error);
+
+// The mesh's x/y bounding box as read.
+struct MeshBox {
+    float x0, x1, y0, y1;
+};
+
+// Measures the box and negates every y. The grid's rows run down the
+// picture while a mesh's y runs up it: turned over, the mesh's top lands on
+// the first row, and the same flip turns counter-clockwise faces into the
+// winding the library draws.
+MeshBox turn_over(MeshData& mesh);
