@@ -176,8 +176,8 @@ TEST(ColorTransportScale, TheLargestSumFitsAndSmallSpreadsGetFineSteps) {
 
 // The colour's single launch order keeps every particle once, with the
 // trace length the flow map's batches give it: the flow map's own order puts
-// a batch's long traces last, so a particle is long there exactly when it
-// lies past the batch's short ones.
+// a batch's short traces last, so a particle is long there exactly when it
+// lies past the batch's short ones by id.
 TEST(ColorTransportOrder, EveryParticleOnceWithTheFlowMapsTraceLength) {
     // More particles than trace long, so that a batch holds both kinds.
     const color_transport::Parameters p = record(640, 600);
@@ -187,7 +187,8 @@ TEST(ColorTransportOrder, EveryParticleOnceWithTheFlowMapsTraceLength) {
     const std::size_t n = starts.size();
     std::vector<flow::vec2> ordered(n), flow_ordered(n);
     std::vector<std::uint32_t> ids(n), flow_ids(n);
-    const unsigned shorts = color_transport::trace_order(starts, p.width, p.height, ordered.data(), ids.data());
+    const std::size_t longs = flow::plan::launch_order(starts, p.width, p.height, ordered.data(), ids.data(), true);
+    const std::size_t shorts = n - longs;
     flow::plan::launch_order(starts, p.width, p.height, flow_ordered.data(), flow_ids.data());
 
     // Long in the flow map's order: ids at or past its batch's first long one.
@@ -205,7 +206,7 @@ TEST(ColorTransportOrder, EveryParticleOnceWithTheFlowMapsTraceLength) {
         ++seen[ids[k]];
         EXPECT_EQ(ordered[k].x, starts[ids[k]].x);
         EXPECT_EQ(ordered[k].y, starts[ids[k]].y);
-        EXPECT_EQ(is_long[ids[k]], k >= shorts ? 1 : 0) << "slot " << k;
+        EXPECT_EQ(is_long[ids[k]], k < longs ? 1 : 0) << "slot " << k;
     }
     EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), std::ptrdiff_t(n));
     EXPECT_GT(shorts, n / 4);

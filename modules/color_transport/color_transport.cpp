@@ -89,34 +89,6 @@ fixed_point tally_scale(const Parameters& p, float spread, std::uint64_t particl
     return {shift};
 }
 
-unsigned trace_order(const std::vector<flow::vec2>& particles, int width, int height, flow::vec2* starts,
-                     std::uint32_t* ids) {
-    // The flow map's batches decide which particles trace long.
-    const std::size_t n = particles.size();
-    const std::size_t batch = (n + flow::batches - 1) / flow::batches;
-    const std::size_t long_count = std::min<std::size_t>(n, flow::long_particles) / flow::batches;
-    const std::size_t tiles_x = (std::size_t(width) + flow::order_tile - 1) / flow::order_tile;
-    const std::size_t tiles = tiles_x * ((std::size_t(height) + flow::order_tile - 1) / flow::order_tile);
-    std::vector<std::uint32_t> bucket(2 * tiles + 1, 0u), key(n);
-    for (std::size_t k = 0; k < n; ++k) {
-        const std::size_t o = k / batch * batch;
-        const std::size_t count = std::min(n - o, batch);
-        const std::size_t shorts = count > long_count ? count - long_count : 0;
-        const flow::vec2 p = particles[k];
-        const std::size_t tile = std::size_t(p.y) / flow::order_tile * tiles_x + std::size_t(p.x) / flow::order_tile;
-        key[k] = std::uint32_t((k - o < shorts ? 0 : tiles) + tile);
-        ++bucket[key[k] + 1];
-    }
-    for (std::size_t b = 1; b < bucket.size(); ++b) bucket[b] += bucket[b - 1];
-    const unsigned short_count = bucket[tiles];
-    for (std::size_t k = 0; k < n; ++k) {
-        const std::size_t slot = bucket[key[k]]++;
-        starts[slot] = particles[k];
-        ids[slot] = std::uint32_t(k);
-    }
-    return short_count;
-}
-
 ColorTransport::ColorTransport(queue& q, const Parameters& parameters, const float* h_heights, float* h_red,
                                float* h_green, float* h_blue, const float* h_mask, const halden_callbacks* callbacks)
     : m_queue(q),
@@ -276,13 +248,14 @@ bool ColorTransport::process() {
 
     // The flow map's particles, draws and trace lengths, so that colour runs
     // down the same paths as the map's flow; but one launch order over all of
-    // them (see trace_order), as the colours' tallies want.
+    // them, as the colours' tallies want.
     flow::plan::shuffle(starts, p.seed);
     std::vector<flow::vec2> table = flow::plan::directions();
     flow::plan::shuffle(table, p.seed + 14u);
     std::vector<flow::vec2> ordered(starts.size());
     std::vector<std::uint32_t> ordered_ids(starts.size());
-    const unsigned short_count = trace_order(starts, p.width, p.height, ordered.data(), ordered_ids.data());
+    const unsigned long_count =
+        unsigned(flow::plan::launch_order(starts, p.width, p.height, ordered.data(), ordered_ids.data(), true));
     starts = std::vector<flow::vec2>();
     usm_ptr<flow::vec2, 1> particles(m_queue, {ordered.size()}, "particles");
     usm_ptr<std::uint32_t, 1> ids(m_queue, {ordered.size()}, "particle ids");
@@ -298,18 +271,18 @@ bool ColorTransport::process() {
     const flow::tracing::surface ground{surface.working_heights().get(), p.width, p.height};
     double done = 32.0;
     bool go_on = report_progress(done);
-    // A launch at a time, for progress and cancel; the short traces come
+    // A launch at a time, for progress and cancel; the long traces come
     // first, and no launch mixes the two kinds.
     for (int b = 0; go_on && b < flow::batches; ++b) {
         const unsigned from = unsigned(std::uint64_t(n_particles) * unsigned(b) / flow::batches);
         const unsigned to = unsigned(std::uint64_t(n_particles) * unsigned(b + 1) / flow::batches);
         for (unsigned o = from; o < to;) {
-            const bool shorts = o < short_count;
-            const unsigned end = shorts ? std::min(to, short_count) : to;
+            const bool longs = o < long_count;
+            const unsigned end = longs ? std::min(to, long_count) : to;
             const flow::tracing::trace_launch launch{particles.get() + o,
                                                      ids.get() + o,
                                                      0,
-                                                     shorts ? 0xFFFFFFFFu : 0u,
+                                                     longs ? 0u : 0xFFFFFFFFu,
                                                      end - o,
                                                      flow::tracing::limits_for(flow::short_steps),
                                                      flow::tracing::limits_for(long_steps),

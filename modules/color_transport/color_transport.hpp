@@ -51,17 +51,6 @@ flow::Parameters flow_parameters(const Parameters& p);
 // can get from `particles` traces.
 halden::core::fixed_point tally_scale(const Parameters& p, float spread, std::uint64_t particles);
 
-// The traces' launch order: all particles by the tile they start in, the
-// short traces first, into `starts` and their particle ids into `ids`;
-// returns the number of short ones. Which particles trace long follows the
-// flow map's batches. Traces run one after another then start close
-// together and run down the same slopes, so the colours and tallies they
-// visit are found in the caches; the flow map's order (by tile within each
-// of its batches) spreads them over the whole grid 32 times over. The
-// tallies are integer sums, so the order changes no bit.
-unsigned trace_order(const std::vector<flow::vec2>& particles, int width, int height, flow::vec2* starts,
-                     std::uint32_t* ids);
-
 class ColorTransport {
 public:
     // The colour grids are read by process() and receive the result at its

@@ -429,37 +429,45 @@ bool Flow::report_progress() {
 
 namespace plan {
 
-void launch_order(const std::vector<vec2>& particles, int width, int height, vec2* starts, std::uint32_t* ids) {
+std::size_t launch_order(const std::vector<vec2>& particles, int width, int height, vec2* starts, std::uint32_t* ids,
+                         bool whole) {
     const std::size_t n = particles.size();
     const std::size_t batch = (n + batches - 1) / batches;
     const std::size_t long_count = std::min<std::size_t>(n, long_particles) / batches;
+    const std::size_t scope = whole ? std::max<std::size_t>(n, 1) : batch;
     const std::size_t tiles_x = (std::size_t(width) + order_tile - 1) / order_tile;
     const std::size_t tiles = tiles_x * ((std::size_t(height) + order_tile - 1) / order_tile);
-    // Runs of neighbouring tiles share a bucket where a batch has fewer
+    // Runs of neighbouring tiles share a bucket where a scope has fewer
     // particles than the grid has tiles (thin grids), so that the counting
-    // stays in proportion to the batch.
+    // stays in proportion to the scope.
     int shift = 0;
-    while ((tiles >> shift) > batch) ++shift;
+    while ((tiles >> shift) > scope) ++shift;
     const std::size_t buckets = (tiles >> shift) + 1;
-    std::vector<std::uint32_t> bucket(2 * buckets + 1), key(batch);
-    for (std::size_t o = 0; o < n; o += batch) {
-        const std::size_t count = std::min(n - o, batch);
-        const std::size_t shorts = count > long_count ? count - long_count : 0;
+    std::vector<std::uint32_t> bucket(2 * buckets + 1), key(scope);
+    std::size_t longs = 0;
+    for (std::size_t o = 0; o < n; o += scope) {
+        const std::size_t count = std::min(n - o, scope);
         std::fill(bucket.begin(), bucket.end(), 0u);
         for (std::size_t k = 0; k < count; ++k) {
+            // The batch decides whether a particle traces long: its last
+            // long_count do.
+            const std::size_t i = o + k, first = i / batch * batch, in_batch = std::min(n - first, batch);
+            const bool is_short = i - first + long_count < in_batch;
             // Starts lie inside their cells.
-            const vec2 p = particles[o + k];
+            const vec2 p = particles[i];
             const std::size_t tile = std::size_t(p.y) / order_tile * tiles_x + std::size_t(p.x) / order_tile;
-            key[k] = std::uint32_t((k < shorts ? buckets : 0) + (tile >> shift));
+            key[k] = std::uint32_t((is_short ? buckets : 0) + (tile >> shift));
             ++bucket[key[k] + 1];
         }
         for (std::size_t b = 1; b < bucket.size(); ++b) bucket[b] += bucket[b - 1];
+        longs = bucket[buckets];
         for (std::size_t k = 0; k < count; ++k) {
             const std::size_t slot = o + bucket[key[k]]++;
             starts[slot] = particles[o + k];
             ids[slot] = std::uint32_t(o + k);
         }
     }
+    return longs;
 }
 
 }  // namespace plan

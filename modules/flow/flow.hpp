@@ -60,8 +60,13 @@ float batch_gain(unsigned short_count, unsigned long_count, unsigned particles, 
 // traces first, then the short ones, each kind in row-major order of
 // order_tile-sided tiles, so that traces run one after another start close
 // together. Slot k gets a start and that particle's index in the shuffled
-// order, which keeps defining the batches and the draws.
-void launch_order(const std::vector<vec2>& particles, int width, int height, vec2* starts, std::uint32_t* ids);
+// order, which keeps defining the batches and the draws. `whole`: one such
+// order over all particles instead of one per batch (the batches still
+// decide which trace long), for sinks whose grids outgrow the caches: traces
+// run one after another then reuse what the ones before them fetched.
+// Returns the number of long traces in the last (or only) sorted run.
+std::size_t launch_order(const std::vector<vec2>& particles, int width, int height, vec2* starts,
+                         std::uint32_t* ids, bool whole = false);
 }  // namespace plan
 
 class Flow {
