@@ -71,14 +71,6 @@ bool is_raw_extension(const std::string& ext) {
 
 // --- .npy -------------------------------------------------------------------------
 
-// What a .npy header says: it is a Python dict literal such as
-// "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 4), }".
-struct NpyHeader {
-    std::string descr;
-    bool fortran = false;
-    std::vector<uint64_t> shape;
-};
-
 // Reads the header dict strictly, as a malformed one means a damaged or
 // foreign file whose data would be misread.
 class NpyHeaderParser {
@@ -567,6 +559,8 @@ const char kWithoutGdal[] =
     "this halden was built without GDAL and reads .npy and raw float32 (.raw, .f32, .r32, .bin) only";
 
 }  // namespace
+
+NpyHeader parse_npy_header(std::string_view text) { return NpyHeaderParser(text).parse(); }
 
 bool have_gdal() {
 #ifdef HALDEN_WITH_GDAL

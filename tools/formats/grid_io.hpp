@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -38,6 +39,19 @@ struct ReadOptions {
     uint32_t width = 0;  // of a raw file; 0: the file must hold a square number of floats
     HeightRange range;   // of an integer PNG; otherwise its own scale and offset, or the samples as they are
 };
+
+// What a .npy header says: it is a Python dict literal such as
+// "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 4), }".
+struct NpyHeader {
+    std::string descr;
+    bool fortran = false;
+    std::vector<uint64_t> shape;
+};
+
+// Reads a .npy header's dict (the text after the length field) strictly, as
+// a malformed one means a damaged or foreign file whose data would be
+// misread; throws std::runtime_error with the reason.
+NpyHeader parse_npy_header(std::string_view text);
 
 // True when GDAL was built in.
 bool have_gdal();

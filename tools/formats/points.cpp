@@ -10,6 +10,8 @@
 #include <iterator>
 #include <sstream>
 
+#include "formats/grid_io.hpp"
+
 namespace {
 
 bool fail(std::string& error, const std::string& path, const std::string& what) {
@@ -50,37 +52,30 @@ bool read_npy(const std::string& path, const std::string& b, PointData& out, std
     const size_t header_len = major == 1 ? load<uint16_t>(b, 8) : (b.size() >= 12 ? load<uint32_t>(b, 8) : 0);
     const size_t data = 8 + len_size + header_len;
     if (header_len == 0 || data > b.size()) return fail(error, path, "truncated .npy header");
-    const std::string header = b.substr(8 + len_size, header_len);
-    const auto value_of = [&](const char* key) {
-        const size_t k = header.find(key);
-        if (k == std::string::npos) return std::string();
-        size_t v = header.find(':', k);
-        if (v == std::string::npos) return std::string();
-        ++v;
-        while (v < header.size() && header[v] == ' ') ++v;
-        size_t e = v;
-        if (v < header.size() && header[v] == '(') {
-            e = header.find(')', v);
-            return e == std::string::npos ? std::string() : header.substr(v, e - v + 1);
-        }
-        while (e < header.size() && header[e] != ',' && header[e] != '}') ++e;
-        return header.substr(v, e - v);
-    };
-    const std::string descr = value_of("'descr'"), fortran = value_of("'fortran_order'"), shape = value_of("'shape'");
+    NpyHeader header;
+    try {
+        header = parse_npy_header(std::string_view(b).substr(8 + len_size, header_len));
+    } catch (const std::exception& e) {
+        return fail(error, path, e.what());
+    }
     size_t item = 0;
-    if (descr == "'<f4'")
+    if (header.descr == "<f4")
         item = 4;
-    else if (descr == "'<f8'")
+    else if (header.descr == "<f8")
         item = 8;
     else
-        return fail(error, path, "the .npy array holds " + descr + "; expected float32 or float64 ('<f4' or '<f8')");
-    unsigned long long rows = 0, cols = 0;
-    if (std::sscanf(shape.c_str(), "(%llu, %llu)", &rows, &cols) != 2 || cols < 3)
-        return fail(error, path, "the .npy array has shape " + shape + "; expected N x 3 (x, y, z per row)");
-    if (b.size() - data < rows * cols * item) return fail(error, path, "the .npy data is shorter than its shape");
-    const bool by_column = fortran == "True";
+        return fail(error, path,
+                    "the .npy array holds '" + header.descr + "'; expected float32 or float64 ('<f4' or '<f8')");
+    if (header.shape.size() != 2 || header.shape[1] < 3) {
+        std::string shape;
+        for (uint64_t n : header.shape) shape += (shape.empty() ? "" : ", ") + std::to_string(n);
+        return fail(error, path, "the .npy array has shape (" + shape + "); expected N x 3 (x, y, z per row)");
+    }
+    const uint64_t rows = header.shape[0], cols = header.shape[1];
+    if (rows > (b.size() - data) / cols / item) return fail(error, path, "the .npy data is shorter than its shape");
+    const bool by_column = header.fortran;
     out.xyz.resize(3 * rows);
-    for (unsigned long long r = 0; r < rows; ++r)
+    for (uint64_t r = 0; r < rows; ++r)
         for (int c = 0; c < 3; ++c) {
             const size_t at = data + item * (by_column ? c * rows + r : r * cols + c);
             out.xyz[3 * r + c] = item == 4 ? double(load<float>(b, at)) : load<double>(b, at);
