@@ -16,6 +16,14 @@
 #  define HALDEN_KERNEL [=]
 #endif
 
+// Inlines a hot routine whatever the compiler's size limits, so that it
+// folds into the vectorised loop around it.
+#if defined(__CUDACC__)
+#  define HALDEN_FORCE_INLINE __forceinline__
+#else
+#  define HALDEN_FORCE_INLINE [[gnu::always_inline]] inline
+#endif
+
 // Fully unrolls the loop that follows (a stencil's neighbours), so that its
 // constant offsets fold and the host compiler can vectorise the cell loop.
 #if defined(__CUDA_ARCH__) || defined(__clang__)

@@ -17,11 +17,6 @@
 #else
 #  define CELLULAR_UNROLL_ALL _Pragma("GCC unroll 32")
 #endif
-#if defined(__CUDACC__)
-#  define CELLULAR_INLINE __forceinline__
-#else
-#  define CELLULAR_INLINE [[gnu::always_inline]] inline
-#endif
 
 namespace cellular3d {
 
@@ -95,7 +90,7 @@ HALDEN_HD inline void split(double u, int& cell, float& place) {
 // The feature of the lattice cell (dx, dy, dz) away from the sample's cell
 // (cx, cy, cz). Its coordinates wrap with the octave's period before they
 // are hashed, so periodic copies share their features.
-HALDEN_HD CELLULAR_INLINE feature feature_at(const octave& o, int cx, int cy, int cz, int dx, int dy, int dz,
+HALDEN_HD HALDEN_FORCE_INLINE feature feature_at(const octave& o, int cx, int cy, int cz, int dx, int dy, int dz,
                                              float jitter) {
     int x = cx + dx, y = cy + dy;
     if (o.period > 0) {
@@ -148,7 +143,7 @@ HALDEN_HD inline float distance(float key, float inverse_e) {
 // A lower bound of the distance along one axis from the sample to every
 // feature outside the block of radius r around its cell: a cell's feature
 // stays within half the jitter of the cell's centre.
-HALDEN_HD CELLULAR_INLINE float block_gap(const sample& s, int r, float half_jitter) {
+HALDEN_HD HALDEN_FORCE_INLINE float block_gap(const sample& s, int r, float half_jitter) {
     const float lo = (float(r) + 0.5f) - half_jitter, hi = (float(r) + 1.5f) - half_jitter;
     float g = min_of(s.fx + lo, hi - s.fx);
     g = min_of(g, min_of(s.fy + lo, hi - s.fy));
@@ -307,7 +302,7 @@ HALDEN_HD inline float finish(const context& c, const plan& p, const sample& s, 
 // runs in vector lanes on the host. `Id` also tracks which candidate is
 // nearest (first in block order on ties).
 template <int M, bool Id>
-HALDEN_HD CELLULAR_INLINE void block_pass(const float* bx, const float* by, const float* bz, const float* fx, float fy,
+HALDEN_HD HALDEN_FORCE_INLINE void block_pass(const float* bx, const float* by, const float* bz, const float* fx, float fy,
                                           const float* fz, float* k1, float* k2, int* best, int count, float e) {
     for (int i = 0; i < count; ++i) {
         const float sx = fx[i], sz = fz[i];

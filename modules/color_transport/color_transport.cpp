@@ -142,7 +142,7 @@ struct carry_colour {
     }
     // The cell's line is fetched ahead of the visit. A load here would hold
     // up the locked adds that run before the visit; a prefetch does not.
-    HALDEN_HD void ahead(carried&, int cell) const { flow::tracing::prefetch(&cells[cell]); }
+    HALDEN_HD void ahead(carried&, int cell) const { halden::compute::prefetch(&cells[cell]); }
     HALDEN_HD pending visit(carried& k, int cell) const {
         const cell_state& c = cells[cell];
         const pending v{cell, keep * (k.r - c.r), keep * (k.g - c.g), keep * (k.b - c.b)};

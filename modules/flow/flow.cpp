@@ -307,7 +307,7 @@ void run_traces_folding(queue& q, const trace_launch& a, std::int32_t* visits, s
     const std::size_t rows = extent.rows, cols = extent.cols;
     q.parallel_for(range<1>{rows + a.count}, HALDEN_KERNEL(std::size_t i) {
         if (i < rows) {
-            HALDEN_FLOW_LANES
+            HALDEN_LANES
             for (std::size_t c = 0; c < cols; ++c) fold_cell(previous, i * cols + c);
         } else if ((i - rows) % items_per_group == 0) {
             run_lanes(a, count_visits<std::int32_t>{visits}, claimed);

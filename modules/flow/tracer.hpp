@@ -19,6 +19,7 @@
 #include <cstdint>
 
 #include "compute/compute.hpp"
+#include "compute/lanes.hpp"
 #include "core/bits.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
@@ -164,12 +165,6 @@ HALDEN_HD inline void run_trace(const trace_launch& a, unsigned k, const Sink& s
     if (a.steps) a.steps[idx] = visits_made;
 }
 
-#if defined(__CUDA_ARCH__)
-#  define HALDEN_FLOW_LANES
-#else
-#  define HALDEN_FLOW_LANES _Pragma("omp simd")
-#endif
-
 // Traces run side by side in the lanes of one host work item: one trace's
 // moves form a chain of dependent divisions, square roots and loads, and the
 // lanes' chains overlap, in vector registers where the set has them. Eight
@@ -182,24 +177,8 @@ constexpr int grab = 64;
 // return at once, so the launch still hands out its chunks to every thread.
 constexpr unsigned items_per_group = 256;
 
-// A hint that *p will be written soon.
-template <class T>
-HALDEN_HD inline void prefetch(T* p) {
-#if defined(__CUDA_ARCH__)
-    (void)p;
-#else
-    __builtin_prefetch(p, 1, 3);
-#endif
-}
-
-// a where `keep` is 1, b where it is 0, without a branch.
-HALDEN_HD inline std::uint32_t pick(std::uint32_t keep, std::uint32_t a, std::uint32_t b) {
-    const std::uint32_t m = 0u - keep;
-    return (a & m) | (b & ~m);
-}
-HALDEN_HD inline float pick(std::uint32_t keep, float a, float b) {
-    return halden::bits_float(pick(keep, halden::float_bits(a), halden::float_bits(b)));
-}
+using halden::compute::pick;
+using halden::compute::prefetch;
 
 // The lanes' tracers, one array per field so that a move of all lanes
 // loads and stores whole vectors. A move reads one of two and writes the
@@ -322,7 +301,7 @@ HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::in
                 ++traces.made[l];
             }
         lane_state<lanes>& moved = states[current ^ 1];
-        HALDEN_FLOW_LANES
+        HALDEN_LANES
         for (int l = 0; l < lanes; ++l) move_lane(g, moved, traces, l, a.ground, a.directions);
         for (int l = 0; l < lanes; ++l)
             if (moved.on[l]) sink.ahead(carried[l], moved.cell[l]);

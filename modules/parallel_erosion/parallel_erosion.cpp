@@ -4,6 +4,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "compute/lanes.hpp"
 #include "core/checks.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
@@ -31,7 +32,7 @@ using halden::core::within;
 struct sample {
     float height, gx, gy;
 };
-HALDEN_HD inline sample surface(const float* h, int w, int rows, float x, float y) {
+HALDEN_HD HALDEN_FORCE_INLINE sample surface(const float* h, int w, int rows, float x, float y) {
     const float px = x - 0.5f, py = y - 0.5f;
     const float fx0 = floorf(px), fy0 = floorf(py);
     const float fx = px - fx0, fy = py - fy0;
@@ -101,7 +102,8 @@ std::string check(const Parameters& p) {
         return "lifetime must be at most 65536 cells long" + got(p.lifetime / p.cell_size);
     if (!(p.inertia >= 0.0f && p.inertia < 1.0f)) return "inertia must lie in [0, 1)" + got(p.inertia);
     if (!(p.capacity >= 0.0f && std::isfinite(p.capacity))) return "capacity must be finite, >= 0" + got(p.capacity);
-    if (!(p.min_slope >= 0.0f && std::isfinite(p.min_slope))) return "min_slope must be finite, >= 0" + got(p.min_slope);
+    if (!(p.min_slope >= 0.0f && std::isfinite(p.min_slope)))
+        return "min_slope must be finite, >= 0" + got(p.min_slope);
     if (!within(p.erosion_rate, 0.0f, 1.0f)) return "erosion_rate must lie in [0, 1]" + got(p.erosion_rate);
     if (!within(p.deposition_rate, 0.0f, 1.0f)) return "deposition_rate must lie in [0, 1]" + got(p.deposition_rate);
     if (!(p.evaporation >= 0.0f && p.evaporation < 1.0f)) return "evaporation must lie in [0, 1)" + got(p.evaporation);
@@ -118,9 +120,7 @@ std::string check(const Parameters& p) {
     return {};
 }
 
-std::uint64_t memory_estimate(const Parameters& p) {
-    return 128u * std::uint64_t(p.width) * std::uint64_t(p.height);
-}
+std::uint64_t memory_estimate(const Parameters& p) { return 128u * std::uint64_t(p.width) * std::uint64_t(p.height); }
 
 namespace plan {
 
@@ -152,6 +152,8 @@ std::vector<std::int32_t> brush(float radius) {
 
 namespace {
 
+using halden::compute::pick;
+
 // A droplet's state between steps. Its path depends on the frozen heights,
 // the mean flow and its own draws alone, never on its load, so the tracing
 // pass and the eroding pass walk it identically.
@@ -174,8 +176,8 @@ struct stride {
 // Droplets are spread evenly: droplet i starts in cell i x cells / count, at
 // a hashed place inside it. Neighbouring droplets then start near each
 // other, which keeps a worker's memory traffic local.
-HALDEN_HD inline bool spawn(droplet& d, std::size_t index, const float* heights, const float* rain,
-                            const round_constants& k) {
+HALDEN_HD HALDEN_FORCE_INLINE bool spawn(droplet& d, std::size_t index, const float* heights, const float* rain,
+                                         const round_constants& k) {
     std::uint32_t s = halden::counter_state(k.seed, std::uint32_t(index), k.round);
     const std::uint64_t cells = std::uint64_t(k.w) * std::uint64_t(k.h);
     const std::uint64_t cell = std::uint64_t(index) * cells / k.count;
@@ -192,45 +194,55 @@ HALDEN_HD inline bool spawn(droplet& d, std::size_t index, const float* heights,
     return true;
 }
 
+// What the droplet passes read besides the heights.
+struct walk_inputs {
+    const float *heights, *rain, *mean_x, *mean_y;
+};
+
 // Turns the droplet downhill (with inertia and, coupled, towards the mean
-// flow) and measures the step; the droplet has not moved yet.
-HALDEN_HD inline stride look(droplet& d, const float* heights, const float* mean_x, const float* mean_y,
-                             const round_constants& k) {
+// flow) and measures the step; the droplet has not moved yet. Selects
+// rather than branches, so that the host's lanes vectorise it.
+template <bool coupled>
+HALDEN_HD HALDEN_FORCE_INLINE stride look(droplet& d, const walk_inputs& in, const round_constants& k) {
     const int w = k.w, rows = k.h;
     const int cell = int(d.y) * w + int(d.x);
     const sample here = d.here;
     float dx = d.dx * k.inertia - here.gx * k.slope_scale * (1.0f - k.inertia);
     float dy = d.dy * k.inertia - here.gy * k.slope_scale * (1.0f - k.inertia);
-    if (k.coupled) {
-        dx = dx + lean * mean_x[cell];
-        dy = dy + lean * mean_y[cell];
+    if constexpr (coupled) {
+        dx = dx + lean * in.mean_x[cell];
+        dy = dy + lean * in.mean_y[cell];
     }
     float len = sqrtf(dx * dx + dy * dy);
-    if (!(len > 1e-20f)) {
-        // Flat ground: a direction of the droplet's own.
-        d.s = halden::xorshift(d.s);
-        dx = halden::uniform_f(d.s) * 2.0f - 1.0f;
-        d.s = halden::xorshift(d.s);
-        dy = halden::uniform_f(d.s) * 2.0f - 1.0f;
-        len = sqrtf(dx * dx + dy * dy);
-        if (!(len > 0.0f)) {
-            dx = 1.0f;
-            len = 1.0f;
-        }
-    }
+    // On flat ground the droplet takes a direction of its own: two draws,
+    // and +x should both come out zero.
+    const std::uint32_t s1 = halden::xorshift(d.s), s2 = halden::xorshift(s1);
+    float rx = halden::uniform_f(s1) * 2.0f - 1.0f;
+    const float ry = halden::uniform_f(s2) * 2.0f - 1.0f;
+    float rlen = sqrtf(rx * rx + ry * ry);
+    const bool none = !(rlen > 0.0f);
+    rx = none ? 1.0f : rx;
+    rlen = none ? 1.0f : rlen;
+    const bool flat = !(len > 1e-20f);
+    d.s = flat ? s2 : d.s;
+    dx = flat ? rx : dx;
+    dy = flat ? ry : dy;
+    len = flat ? rlen : len;
     d.dx = dx / len;
     d.dy = dy / len;
     const float nx = d.x + d.dx, ny = d.y + d.dy;
-    stride st{cell, 0.0f, 0.0f, nx >= 0.0f && ny >= 0.0f && nx < float(w) && ny < float(rows), {}};
-    if (!st.inside) return st;
-    st.there = surface(heights, w, rows, nx, ny);
+    stride st;
+    st.cell = cell;
+    st.inside = nx >= 0.0f && ny >= 0.0f && nx < float(w) && ny < float(rows);
+    // A droplet about to leave samples where it stands and keeps nothing of it.
+    st.there = surface(in.heights, w, rows, st.inside ? nx : d.x, st.inside ? ny : d.y);
     st.dh = st.there.height - here.height;
     st.drop = -st.dh * k.slope_scale;  // world slope, downhill positive
     return st;
 }
 
 // Moves the droplet on: speed from the drop, water lost to evaporation.
-HALDEN_HD inline void move_on(droplet& d, const stride& st, const round_constants& k) {
+HALDEN_HD HALDEN_FORCE_INLINE void move_on(droplet& d, const stride& st, const round_constants& k) {
     d.speed = sqrtf(max_of(d.speed * d.speed + st.drop * k.gravity, 0.0f));
     d.water = d.water * (1.0f - k.evaporation);
     d.x = d.x + d.dx;
@@ -238,99 +250,284 @@ HALDEN_HD inline void move_on(droplet& d, const stride& st, const round_constant
     d.here = st.there;
 }
 
+// The passes: what a step leaves behind. visit() is called once per step,
+// before the droplet moves on, with the number of steps it made before; it
+// says whether the droplet walks on. finish() adds the pass's own totals
+// once per work item.
+
+// Gathers the water stepping off each cell and, coupled, its momentum.
+template <bool coupled>
+struct tracing_pass {
+    round_grids g;
+    round_constants k;
+    std::int64_t walked = 0;
+    struct carried {};
+    HALDEN_HD bool visit(carried&, const droplet& d, const stride& st, int step) {
+        const halden::core::fixed_point fixed{fixed_shift};
+        halden::core::accumulate(&g.flux[st.cell], d.water, fixed, g.overflow);
+        if (coupled && st.inside) {
+            const float water = d.water * (1.0f - k.evaporation);  // as move_on leaves it
+            halden::core::accumulate(&g.momentum[2 * st.cell], water * d.dx, fixed, g.overflow);
+            halden::core::accumulate(&g.momentum[2 * st.cell + 1], water * d.dy, fixed, g.overflow);
+        }
+        const bool on = st.inside && step + 1 < k.steps;
+        if (!on) walked += step + 1;
+        return on;
+    }
+    HALDEN_HD void finish() const {
+        if (walked) halden::compute::atomic_add(g.steps, walked);
+    }
+};
+
+// Takes up and lays down sediment.
+struct eroding_pass {
+    round_grids g;
+    round_constants k;
+    const float* hardness;
+    std::int64_t left = 0;
+    struct carried {
+        std::int64_t load = 0;
+    };
+    HALDEN_HD bool visit(carried& c, const droplet& d, const stride& st, int step) {
+        const halden::core::fixed_point fixed{fixed_shift};
+        std::int64_t load = c.load;
+        if (!st.inside) {
+            left += load;
+            return false;
+        }
+        // The droplets stepping off a cell share its drop in proportion to
+        // their water: together they lower it, or fill it, by about one drop
+        // per round, which keeps frozen-height rounds stable.
+        const float share = d.water / max_of(g.passing[st.cell], d.water);
+        const float capacity = max_of(st.drop, k.min_slope) * d.speed * d.water * k.capacity / k.slope_scale;
+        const float carried = fixed.decode(load);
+        if (st.dh > 0.0f || carried > capacity) {
+            // Uphill, fill the pit behind; else drop a share of the excess.
+            const float amount =
+                st.dh > 0.0f ? min_of(st.dh * share, carried) : (carried - capacity) * k.deposition_rate;
+            std::int64_t units = fixed.encode(amount, g.overflow);
+            units = units < load ? units : load;
+            if (units > 0) {
+                lay_down(g.laid, k.w, k.h, d.x, d.y, units);
+                load -= units;
+            }
+        } else {
+            float amount = min_of((capacity - carried) * k.erosion_rate, -st.dh * share);
+            if (hardness) amount = amount * (1.0f - min_of(max_of(hardness[st.cell], 0.0f), 1.0f));
+            const std::int64_t units = fixed.encode(amount, g.overflow);
+            if (units > 0) {
+                halden::compute::atomic_add(&g.request[st.cell], units);
+                load += units;
+            }
+        }
+        c.load = load;
+        if (step + 1 < k.steps) return true;
+        // Its lifetime over, the droplet drops its load where it moves to.
+        if (load) lay_down(g.laid, k.w, k.h, d.x + d.dx, d.y + d.dy, load);
+        return false;
+    }
+    HALDEN_HD void finish() const {
+        if (left) halden::compute::atomic_add(g.left, left);
+    }
+};
+
+// A whole droplet, step by step: the device's work item.
+template <bool coupled, class Pass>
+HALDEN_HD inline void walk(Pass& pass, std::size_t index, const walk_inputs& in, const round_constants& k) {
+    droplet d;
+    if (!spawn(d, index, in.heights, in.rain, k)) return;
+    typename Pass::carried c{};
+    for (int step = 0;; ++step) {
+        const stride st = look<coupled>(d, in, k);
+        if (!pass.visit(c, d, st, step)) return;
+        move_on(d, st, k);
+    }
+}
+
+// Droplets per host lane group: sixteen keep two vectors' chains in flight.
+constexpr int lanes = 16;
+// Droplets taken from the launch's shared counter at a time.
+constexpr unsigned grab = 64;
+// Host work items per lane group: the first of each runs one, the others
+// return at once, so the launch still hands out its chunks to every thread.
+constexpr unsigned items_per_group = 256;
+
+// The lanes' droplets and the strides they looked at, one array per field,
+// so that a step of all lanes loads and stores whole vectors.
+template <int L>
+struct lane_state {
+    float x[L], y[L], dx[L], dy[L], speed[L], water[L], h[L], gx[L], gy[L];
+    std::uint32_t s[L];
+    std::uint32_t moving[L];  // the droplet walks on over the stride it looked at
+    int cell[L];
+    std::uint32_t inside[L];
+    float dh[L], drop[L], th[L], tgx[L], tgy[L];
+
+    HALDEN_HD droplet get(int l) const {
+        return {x[l], y[l], dx[l], dy[l], speed[l], water[l], s[l], {h[l], gx[l], gy[l]}};
+    }
+    HALDEN_HD stride looked(int l) const { return {cell[l], dh[l], drop[l], inside[l] != 0, {th[l], tgx[l], tgy[l]}}; }
+    HALDEN_HD void put(int l, const droplet& d) {
+        x[l] = d.x, y[l] = d.y, dx[l] = d.dx, dy[l] = d.dy, speed[l] = d.speed, water[l] = d.water, s[l] = d.s;
+        h[l] = d.here.height, gx[l] = d.here.gx, gy[l] = d.here.gy;
+    }
+};
+
+// Steps lane l: moves the droplet over the stride it looked at last, if it
+// walks on, and looks at the next. Every field is stored whole, never
+// masked; a lane without a droplet steps in place, harmlessly.
+template <bool coupled, int L>
+HALDEN_HD HALDEN_FORCE_INLINE void step_lane(lane_state<L>& a, int l, const walk_inputs& in, const round_constants& k) {
+    const droplet was = a.get(l);
+    droplet d = was;
+    move_on(d, a.looked(l), k);
+    const std::uint32_t go = a.moving[l];
+    d.x = pick(go, d.x, was.x);
+    d.y = pick(go, d.y, was.y);
+    d.speed = pick(go, d.speed, was.speed);
+    d.water = pick(go, d.water, was.water);
+    d.here.height = pick(go, d.here.height, was.here.height);
+    d.here.gx = pick(go, d.here.gx, was.here.gx);
+    d.here.gy = pick(go, d.here.gy, was.here.gy);
+    const stride st = look<coupled>(d, in, k);
+    a.put(l, d);
+    a.moving[l] = 0;
+    a.cell[l] = st.cell;
+    a.inside[l] = st.inside;
+    a.dh[l] = st.dh;
+    a.drop[l] = st.drop;
+    a.th[l] = st.there.height;
+    a.tgx[l] = st.there.gx;
+    a.tgy[l] = st.there.gy;
+}
+
+// A lane group on the host: each lane walks a droplet and takes the next
+// unclaimed one when it ends, until the launch's counter runs out. Every
+// droplet walks exactly as walk() walks it, and what passes leave behind
+// are integer sums, so the order in which lanes and threads add them
+// changes nothing.
+template <bool coupled, class Pass>
+HALDEN_HD inline void run_lanes(Pass& pass, const walk_inputs& in, const round_constants& k, std::int32_t* claimed) {
+    lane_state<lanes> a{};
+    typename Pass::carried carried[lanes];
+    int steps[lanes] = {};
+    bool on[lanes] = {};
+    unsigned next = 0, end = 0;
+    bool drained = false;
+    // Puts the next droplet into lane l; false once none is left.
+    const auto refill = [&](int l) {
+        while (!drained) {
+            if (next == end) {
+                const std::int32_t first = halden::compute::atomic_add(claimed, std::int32_t(grab));
+                if (unsigned(first) >= k.count) {
+                    drained = true;
+                    break;
+                }
+                next = unsigned(first);
+                end = k.count - next < grab ? k.count : next + grab;
+            }
+            droplet d;
+            if (!spawn(d, next++, in.heights, in.rain, k)) continue;
+            a.put(l, d);
+            a.moving[l] = 0;
+            carried[l] = {};
+            steps[l] = 0;
+            return true;
+        }
+        return false;
+    };
+    for (int l = 0; l < lanes; ++l) on[l] = refill(l);
+    for (;;) {
+        HALDEN_LANES
+        for (int l = 0; l < lanes; ++l) step_lane<coupled>(a, l, in, k);
+        int running = 0;
+        for (int l = 0; l < lanes; ++l) {
+            if (!on[l]) continue;
+            if (pass.visit(carried[l], a.get(l), a.looked(l), steps[l])) {
+                ++steps[l];
+                a.moving[l] = 1;
+            } else {
+                on[l] = refill(l);
+            }
+            running += on[l];
+        }
+        if (running == 0) return;
+    }
+}
+
+// Launches a pass over the round's droplets: one work item per droplet on
+// a device, lane groups on the host.
+template <bool coupled, class Pass>
+void launch(queue& q, const Pass& pass, const walk_inputs& in, const round_constants& k, std::int32_t* claimed,
+            bool host_lanes) {
+    if (!host_lanes || q.get_device().get_backend() != halden::compute::backend::native) {
+        q.parallel_for(
+            range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
+                Pass p = pass;
+                walk<coupled>(p, i, in, k);
+                p.finish();
+            });
+        return;
+    }
+    const std::int32_t zero = 0;
+    q.copy(&zero, claimed, sizeof zero);
+    q.parallel_for(
+        range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
+            if (i % items_per_group != 0) return;
+            Pass p = pass;
+            run_lanes<coupled>(p, in, k, claimed);
+            p.finish();
+        });
+}
+
 }  // namespace
 
 void trace_droplets(queue& q, const float* heights, const float* rain, const float* mean_x, const float* mean_y,
-                    const round_grids& g, const round_constants& k) {
-    q.parallel_for(range<1>{k.count}, HALDEN_KERNEL(std::size_t index) {
-        const halden::core::fixed_point fixed{fixed_shift};
-        droplet d;
-        if (!spawn(d, index, heights, rain, k)) return;
-        int step = 0;
-        for (; step < k.steps; ++step) {
-            const stride st = look(d, heights, mean_x, mean_y, k);
-            halden::core::accumulate(&g.flux[st.cell], d.water, fixed, g.overflow);
-            if (!st.inside) break;
-            move_on(d, st, k);
-            if (k.coupled) {
-                halden::core::accumulate(&g.momentum[2 * st.cell], d.water * d.dx, fixed, g.overflow);
-                halden::core::accumulate(&g.momentum[2 * st.cell + 1], d.water * d.dy, fixed, g.overflow);
-            }
-        }
-        halden::compute::atomic_add(g.steps, std::int64_t(step < k.steps ? step + 1 : step));
-    });
+                    const round_grids& g, const round_constants& k, std::int32_t* claimed, bool host_lanes) {
+    const walk_inputs in{heights, rain, mean_x, mean_y};
+    if (k.coupled)
+        launch<true>(q, tracing_pass<true>{g, k}, in, k, claimed, host_lanes);
+    else
+        launch<false>(q, tracing_pass<false>{g, k}, in, k, claimed, host_lanes);
 }
 
 void run_droplets(queue& q, const float* heights, const float* rain, const float* hardness, const float* mean_x,
-                  const float* mean_y, const round_grids& g, const round_constants& k) {
-    q.parallel_for(range<1>{k.count}, HALDEN_KERNEL(std::size_t index) {
-        const halden::core::fixed_point fixed{fixed_shift};
-        droplet d;
-        if (!spawn(d, index, heights, rain, k)) return;
-        std::int64_t load = 0;
-        for (int step = 0; step < k.steps; ++step) {
-            const stride st = look(d, heights, mean_x, mean_y, k);
-            if (!st.inside) {
-                if (load) halden::compute::atomic_add(g.left, load);
-                return;
-            }
-            // The droplets stepping off a cell share its drop in proportion
-            // to their water: together they lower it, or fill it, by about
-            // one drop per round, which keeps frozen-height rounds stable.
-            const float share = d.water / max_of(g.passing[st.cell], d.water);
-            const float capacity = max_of(st.drop, k.min_slope) * d.speed * d.water * k.capacity / k.slope_scale;
-            const float carried = fixed.decode(load);
-            if (st.dh > 0.0f || carried > capacity) {
-                // Uphill, fill the pit behind; else drop a share of the excess.
-                const float amount =
-                    st.dh > 0.0f ? min_of(st.dh * share, carried) : (carried - capacity) * k.deposition_rate;
-                std::int64_t units = fixed.encode(amount, g.overflow);
-                units = units < load ? units : load;
-                if (units > 0) {
-                    lay_down(g.laid, k.w, k.h, d.x, d.y, units);
-                    load -= units;
-                }
-            } else {
-                float amount = min_of((capacity - carried) * k.erosion_rate, -st.dh * share);
-                if (hardness) amount = amount * (1.0f - min_of(max_of(hardness[st.cell], 0.0f), 1.0f));
-                const std::int64_t units = fixed.encode(amount, g.overflow);
-                if (units > 0) {
-                    halden::compute::atomic_add(&g.request[st.cell], units);
-                    load += units;
-                }
-            }
-            move_on(d, st, k);
-        }
-        // Its lifetime over, the droplet drops its load where it stands.
-        if (load) lay_down(g.laid, k.w, k.h, d.x, d.y, load);
-    });
+                  const float* mean_y, const round_grids& g, const round_constants& k, std::int32_t* claimed,
+                  bool host_lanes) {
+    const walk_inputs in{heights, rain, mean_x, mean_y};
+    const eroding_pass pass{g, k, hardness};
+    if (k.coupled)
+        launch<true>(q, pass, in, k, claimed, host_lanes);
+    else
+        launch<false>(q, pass, in, k, claimed, host_lanes);
 }
 
 void spread(queue& q, const std::int64_t* request, const float* hardness, const std::int32_t* taps, int n,
             std::int64_t* eroded, int w, int h) {
-    q.parallel_for(range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-        const int y = int(row), x = int(col), i = y * w + x;
-        std::int64_t total = 0;
-        // What the neighbours' requests put here.
-        for (int t = 0; t < n; ++t) {
-            const int sx = x - taps[3 * t], sy = y - taps[3 * t + 1];
-            if (sx < 0 || sy < 0 || sx >= w || sy >= h) continue;
-            const std::int64_t r = request[sy * w + sx];
-            if (r) total += part_of(r, weight_on(taps[3 * t + 2], hardness, i));
-        }
-        // What this cell's request keeps: all its taps inside the grid do not take.
-        const std::int64_t r = request[i];
-        if (r) {
-            std::int64_t given = 0;
+    q.parallel_for(
+        range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            const int y = int(row), x = int(col), i = y * w + x;
+            std::int64_t total = 0;
+            // What the neighbours' requests put here.
             for (int t = 0; t < n; ++t) {
-                const int tx = x + taps[3 * t], ty = y + taps[3 * t + 1];
-                if (tx < 0 || ty < 0 || tx >= w || ty >= h) continue;
-                given += part_of(r, weight_on(taps[3 * t + 2], hardness, ty * w + tx));
+                const int sx = x - taps[3 * t], sy = y - taps[3 * t + 1];
+                if (sx < 0 || sy < 0 || sx >= w || sy >= h) continue;
+                const std::int64_t r = request[sy * w + sx];
+                if (r) total += part_of(r, weight_on(taps[3 * t + 2], hardness, i));
             }
-            total += r - given;
-        }
-        eroded[i] = total;
-    });
+            // What this cell's request keeps: all its taps inside the grid do not take.
+            const std::int64_t r = request[i];
+            if (r) {
+                std::int64_t given = 0;
+                for (int t = 0; t < n; ++t) {
+                    const int tx = x + taps[3 * t], ty = y + taps[3 * t + 1];
+                    if (tx < 0 || ty < 0 || tx >= w || ty >= h) continue;
+                    given += part_of(r, weight_on(taps[3 * t + 2], hardness, ty * w + tx));
+                }
+                total += r - given;
+            }
+            eroded[i] = total;
+        });
 }
 
 ParallelErosion::ParallelErosion(queue& q, float* h_heights, const float* h_rain, const float* h_hardness,
@@ -373,21 +570,24 @@ bool ParallelErosion::report_progress() {
 namespace {
 
 void zero(queue& q, std::int64_t* d, std::size_t n) {
-    q.parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t i) { d[i] = 0; });
+    q.parallel_for(
+        range<1>{n}, HALDEN_KERNEL(std::size_t i) { d[i] = 0; });
 }
 
 // Kernels of the level loop, outside the class: the device compiler wants
 // the functions around its lambdas public.
 void clear_flag(queue& q, std::uint32_t* flag) {
-    q.parallel_for(range<1>{1}, HALDEN_KERNEL(std::size_t) { *flag = 0; });
+    q.parallel_for(
+        range<1>{1}, HALDEN_KERNEL(std::size_t) { *flag = 0; });
 }
 
 // The round's traced water, as floats, for the shares; the sums restart.
 void take_passing(queue& q, float* passing, std::int64_t* flux, std::size_t cells) {
-    q.parallel_for(range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
-        passing[i] = halden::core::fixed_point{fixed_shift}.decode(flux[i]);
-        flux[i] = 0;
-    });
+    q.parallel_for(
+        range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
+            passing[i] = halden::core::fixed_point{fixed_shift}.decode(flux[i]);
+            flux[i] = 0;
+        });
 }
 
 // The level's grids a round updates.
@@ -399,26 +599,27 @@ struct level_view {
 // Applies the round: heights, the running maps and the mean flow; the
 // fixed-point sums restart.
 void apply_round(queue& q, const level_view& v, const round_grids& g, std::size_t cells, bool coupled) {
-    q.parallel_for(range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
-        const halden::core::fixed_point fixed{fixed_shift};
-        const std::int64_t down = g.laid[i], up = g.eroded[i];
-        v.heights[i] = v.heights[i] + fixed.decode(down - up);
-        v.deposited[i] = v.deposited[i] + fixed.decode(down);
-        v.eroded[i] = v.eroded[i] + fixed.decode(up);
-        const float water = v.passing[i];
-        v.water[i] = v.water[i] + water;
-        if (coupled) {
-            // The mean direction of this round's water, blended with the last.
-            const float mx = water > 0.0f ? fixed.decode(g.momentum[2 * i]) / water : 0.0f;
-            const float my = water > 0.0f ? fixed.decode(g.momentum[2 * i + 1]) / water : 0.0f;
-            v.mean_x[i] = 0.5f * v.mean_x[i] + 0.5f * mx;
-            v.mean_y[i] = 0.5f * v.mean_y[i] + 0.5f * my;
-            g.momentum[2 * i] = 0;
-            g.momentum[2 * i + 1] = 0;
-        }
-        g.request[i] = 0;
-        g.laid[i] = 0;
-    });
+    q.parallel_for(
+        range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
+            const halden::core::fixed_point fixed{fixed_shift};
+            const std::int64_t down = g.laid[i], up = g.eroded[i];
+            v.heights[i] = v.heights[i] + fixed.decode(down - up);
+            v.deposited[i] = v.deposited[i] + fixed.decode(down);
+            v.eroded[i] = v.eroded[i] + fixed.decode(up);
+            const float water = v.passing[i];
+            v.water[i] = v.water[i] + water;
+            if (coupled) {
+                // The mean direction of this round's water, blended with the last.
+                const float mx = water > 0.0f ? fixed.decode(g.momentum[2 * i]) / water : 0.0f;
+                const float my = water > 0.0f ? fixed.decode(g.momentum[2 * i + 1]) / water : 0.0f;
+                v.mean_x[i] = 0.5f * v.mean_x[i] + 0.5f * mx;
+                v.mean_y[i] = 0.5f * v.mean_y[i] + 0.5f * my;
+                g.momentum[2 * i] = 0;
+                g.momentum[2 * i + 1] = 0;
+            }
+            g.request[i] = 0;
+            g.laid[i] = 0;
+        });
 }
 
 std::int64_t host_sum(queue& q, const usm_ptr<std::int64_t, 1>& g, std::size_t n) {
@@ -440,9 +641,9 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
     const bool coupled = p.flow_coupling != 0;
     usm_ptr<std::int64_t, 1> request(q, {cells}, "erosion requests"), eroded(q, {cells}, "erosion"),
         laid(q, {cells}, "deposits"), flux(q, {cells}, "water flux"),
-        momentum(q, {coupled ? 2 * cells : 1}, "momentum"), left(q, {1}, "sediment leaving"),
-        steps(q, {1}, "steps");
+        momentum(q, {coupled ? 2 * cells : 1}, "momentum"), left(q, {1}, "sediment leaving"), steps(q, {1}, "steps");
     usm_ptr<std::uint32_t, 1> overflow(q, {1}, "overflow flag");
+    usm_ptr<std::int32_t, 1> claimed(q, {1}, "droplets claimed");
     for (auto* g : {&request, &eroded, &laid, &flux, &momentum, &left, &steps}) zero(q, g->get(), g->size());
     std::uint32_t* d_overflow = overflow.get();
     clear_flag(q, d_overflow);
@@ -477,8 +678,8 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
     k.gravity = p.gravity;
     k.coupled = coupled;
     float* d_passing = level.layer(LaplacianLevel::passing_grid).get();
-    const round_grids g{request.get(), eroded.get(), laid.get(), flux.get(), momentum.get(), left.get(), steps.get(),
-                        d_passing, d_overflow};
+    const round_grids g{request.get(), eroded.get(), laid.get(), flux.get(), momentum.get(),
+                        left.get(),    steps.get(),  d_passing,  d_overflow};
 
     float* d_heights = level.heights().get();
     float* d_deposited = level.layer(LaplacianLevel::carried_grid).get();
@@ -499,9 +700,9 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
         // The shares come from tracing the round's own droplets first: the
         // water of the round before would not do, as droplets turning into
         // a cell that was dry would each take its whole drop.
-        trace_droplets(q, d_heights, rain.get(), d_mean_x, d_mean_y, g, k);
+        trace_droplets(q, d_heights, rain.get(), d_mean_x, d_mean_y, g, k, claimed.get(), m_host_lanes);
         take_passing(q, d_passing, d_flux, cells);
-        run_droplets(q, d_heights, rain.get(), hardness.get(), d_mean_x, d_mean_y, g, k);
+        run_droplets(q, d_heights, rain.get(), hardness.get(), d_mean_x, d_mean_y, g, k, claimed.get(), m_host_lanes);
         spread(q, d_request, hardness.get(), m_taps.get(), m_tap_count, d_eroded_units, w, h);
         if (m_count_mass) {
             m_mass.taken += host_sum(q, request, cells);
@@ -520,8 +721,9 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
         if (!report_progress()) return false;
         m_steps = steps_before + std::uint64_t(walked);
         if (flagged)
-            throw std::overflow_error("sediment or water overflowed its 64-bit fixed-point range; lower the "
-                                      "heights' magnitude or the droplet density");
+            throw std::overflow_error(
+                "sediment or water overflowed its 64-bit fixed-point range; lower the "
+                "heights' magnitude or the droplet density");
     }
     return true;
 }
@@ -562,10 +764,11 @@ bool ParallelErosion::process() {
         // Water per droplet density and round, folded into [0, 1).
         float* d_water = f.layer(LaplacianLevel::water_grid).get();
         const float norm = 1.0f / (16.0f * p.droplets * float(p.rounds > 0 ? p.rounds : 1));
-        m_queue.parallel_for(range<1>{f.heights().size()}, HALDEN_KERNEL(std::size_t i) {
-            const float x = d_water[i] * norm;
-            d_water[i] = x / (x + 1.0f);
-        });
+        m_queue.parallel_for(
+            range<1>{f.heights().size()}, HALDEN_KERNEL(std::size_t i) {
+                const float x = d_water[i] * norm;
+                d_water[i] = x / (x + 1.0f);
+            });
         f.layer(LaplacianLevel::water_grid).copy_to_host(m_discharge);
     }
     m_queue.synchronize();

@@ -58,10 +58,10 @@ std::vector<std::int32_t> brush(float radius);
 
 // Sediment totals of a run in fixed-point units, gathered when asked for.
 struct mass {
-    std::int64_t taken = 0;  // taken up by droplets
-    std::int64_t spread = 0; // removed from the cells (the same, spread by the brush)
-    std::int64_t laid = 0;   // laid down
-    std::int64_t left = 0;   // carried off the grid
+    std::int64_t taken = 0;   // taken up by droplets
+    std::int64_t spread = 0;  // removed from the cells (the same, spread by the brush)
+    std::int64_t laid = 0;    // laid down
+    std::int64_t left = 0;    // carried off the grid
 };
 
 // The fixed-point accumulators of one level's round.
@@ -69,11 +69,11 @@ struct round_grids {
     std::int64_t* request;  // erosion asked for at a droplet's cell
     std::int64_t* eroded;   // the same, spread over the brush
     std::int64_t* laid;
-    std::int64_t* flux;     // water passing
-    std::int64_t* momentum; // water times direction, x then y (coupled runs)
-    std::int64_t* left;     // one total
-    std::int64_t* steps;    // droplet steps traced, one total
-    const float* passing;   // water stepping off each cell in this round
+    std::int64_t* flux;      // water passing
+    std::int64_t* momentum;  // water times direction, x then y (coupled runs)
+    std::int64_t* left;      // one total
+    std::int64_t* steps;     // droplet steps traced, one total
+    const float* passing;    // water stepping off each cell in this round
     std::uint32_t* overflow;
 };
 
@@ -89,12 +89,17 @@ struct round_constants {
 
 // Walks the round's droplets against `heights` without eroding, gathering
 // the water stepping off each cell into `flux` and, coupled, its momentum.
+// On the host the droplets run in lane groups that take them from the
+// counter `claimed`, unless `host_lanes` is false (one work item per
+// droplet, as on a device): the same bits either way.
 void trace_droplets(halden::compute::queue& q, const float* heights, const float* rain, const float* mean_x,
-                    const float* mean_y, const round_grids& g, const round_constants& k);
+                    const float* mean_y, const round_grids& g, const round_constants& k, std::int32_t* claimed,
+                    bool host_lanes = true);
 // Walks them again, now eroding and laying down. A step's share of its
 // cell's drop is its water over the water `passing` the cell.
 void run_droplets(halden::compute::queue& q, const float* heights, const float* rain, const float* hardness,
-                  const float* mean_x, const float* mean_y, const round_grids& g, const round_constants& k);
+                  const float* mean_x, const float* mean_y, const round_grids& g, const round_constants& k,
+                  std::int32_t* claimed, bool host_lanes = true);
 // eroded = the requests spread over the brush `taps` (n of them).
 void spread(halden::compute::queue& q, const std::int64_t* request, const float* hardness, const std::int32_t* taps,
             int n, std::int64_t* eroded, int w, int h);
@@ -121,6 +126,9 @@ public:
     // Droplet steps walked, over every level and round (each walked twice:
     // traced, then eroding).
     std::uint64_t steps_run() const { return m_steps; }
+    // Runs the host's droplets one work item each, as a device does, rather
+    // than in lane groups; for tests.
+    void without_host_lanes() { m_host_lanes = false; }
 
 private:
     bool erode(LaplacianLevel& level, int level_index);
@@ -137,6 +145,7 @@ private:
     int m_tap_count = 0;
     double m_done = 0.0, m_total = 0.0;
     bool m_count_mass = false;
+    bool m_host_lanes = true;
     mass m_mass;
     std::uint64_t m_steps = 0;
     int m_rounds_run = 0;

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+// Helpers for host lane groups: particles that run side by side in the lanes
+// of one host work item, so that their chains of dependent loads, divisions
+// and square roots overlap, in vector registers where the set has them. The
+// device runs one particle per work item and needs none of this.
+#pragma once
+
+#include <cstdint>
+
+#include "compute/types.hpp"
+#include "core/bits.hpp"
+
+// Vectorises the lane loop that follows on the host.
+#if defined(__CUDA_ARCH__)
+#  define HALDEN_LANES
+#else
+#  define HALDEN_LANES _Pragma("omp simd")
+#endif
+
+namespace halden::compute {
+
+// A hint that *p will be written soon.
+template <class T>
+HALDEN_HD inline void prefetch(T* p) {
+#if defined(__CUDA_ARCH__)
+    (void)p;
+#else
+    __builtin_prefetch(p, 1, 3);
+#endif
+}
+
+// a where `keep` is 1, b where it is 0, without a branch: the compiler then
+// finds no conditional store to turn into a masked one.
+HALDEN_HD inline std::uint32_t pick(std::uint32_t keep, std::uint32_t a, std::uint32_t b) {
+    const std::uint32_t m = 0u - keep;
+    return (a & m) | (b & ~m);
+}
+HALDEN_HD inline float pick(std::uint32_t keep, float a, float b) {
+    return halden::bits_float(pick(keep, halden::float_bits(a), halden::float_bits(b)));
+}
+
+}  // namespace halden::compute
