@@ -482,7 +482,7 @@ HALDEN_STATIC_ASSERT(offsetof(halden_erosion_parameters, seed) == 72, "seed at 7
  * hardness 1 is never cut. Optional outputs, in height units or 0 to 1:
  * `erosion` the depth removed, `deposition` the thickness laid down,
  * `discharge` a water-flow map, 0 where no water ran and towards 1 along
- * rivers. Needs about 128 bytes per cell of device memory.
+ * rivers. Needs about 140 bytes per cell of device memory.
  *
  * Progress goes to slot 1 of `callbacks` after every round; a nonzero return
  * from slot 1 or slot 7 cancels and leaves the grids unchanged. Returns 0

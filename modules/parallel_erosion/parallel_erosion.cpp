@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "modules/parallel_erosion/parallel_erosion.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "compute/lanes.hpp"
@@ -74,17 +76,14 @@ HALDEN_HD inline void lay_down(std::int64_t* laid, int w, int rows, float x, flo
     if (rest) halden::compute::atomic_add(&laid[y1 * w + x1], rest);
 }
 
-// floor(r * weight / 2^16) for r >= 0 and weight <= 2^16, without overflow.
-HALDEN_HD inline std::int64_t part_of(std::int64_t r, std::int64_t weight) {
-    return (r >> 16) * weight + (((r & 0xFFFF) * weight) >> 16);
-}
-
-// A tap's weight on a target cell: hard ground takes less.
-HALDEN_HD inline std::int64_t weight_on(std::int32_t weight, const float* hardness, int i) {
-    if (!hardness) return weight;
-    const float hard = min_of(max_of(hardness[i], 0.0f), 1.0f);
-    const std::int64_t soft = 65536 - std::int64_t(hard * 65536.0f + 0.5f);
-    return (std::int64_t(weight) * soft) >> 16;
+// floor(r * weight / 2^16) for 0 <= r < 2^62 and weight <= 2^16, exactly:
+// in the 32-bit halves of r, whose products the host multiplies in vector
+// lanes.
+HALDEN_HD inline std::int64_t part_of(std::int64_t r, std::uint32_t weight) {
+    const std::uint64_t u = std::uint64_t(r);
+    const std::uint64_t hi = std::uint64_t(std::uint32_t(u >> 32)) * weight;
+    const std::uint64_t lo = std::uint64_t(std::uint32_t(u)) * weight;
+    return std::int64_t((hi << 16) + (lo >> 16));
 }
 
 }  // namespace
@@ -120,7 +119,7 @@ std::string check(const Parameters& p) {
     return {};
 }
 
-std::uint64_t memory_estimate(const Parameters& p) { return 128u * std::uint64_t(p.width) * std::uint64_t(p.height); }
+std::uint64_t memory_estimate(const Parameters& p) { return 140u * std::uint64_t(p.width) * std::uint64_t(p.height); }
 
 namespace plan {
 
@@ -502,31 +501,52 @@ void run_droplets(queue& q, const float* heights, const float* rain, const float
         launch<false>(q, pass, in, k, claimed, host_lanes);
 }
 
-void spread(queue& q, const std::int64_t* request, const float* hardness, const std::int32_t* taps, int n,
+void soften(queue& q, const float* hardness, std::int32_t* soft, int w, int h, int reach) {
+    const int cols = w + 2 * reach;
+    q.parallel_for(
+        range<2>{std::size_t(h + 2 * reach), std::size_t(cols)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            const int x = int(col) - reach, y = int(row) - reach;
+            const bool in = x >= 0 && y >= 0 && x < w && y < h;
+            std::int32_t s = in ? 65536 : 0;
+            if (hardness && in) {
+                const float hard = min_of(max_of(hardness[y * w + x], 0.0f), 1.0f);
+                s = 65536 - std::int32_t(hard * 65536.0f + 0.5f);
+            }
+            soft[row * cols + col] = s;
+        });
+}
+
+void pad(queue& q, const std::int64_t* request, std::int64_t* padded, int w, int h, int reach) {
+    const int cols = w + 2 * reach;
+    q.parallel_for(
+        range<2>{std::size_t(h + 2 * reach), std::size_t(cols)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            const int x = int(col) - reach, y = int(row) - reach;
+            const bool in = x >= 0 && y >= 0 && x < w && y < h;
+            padded[row * cols + col] = in ? request[in ? y * w + x : 0] : 0;
+        });
+}
+
+void spread(queue& q, const std::int64_t* padded, const std::int32_t* soft, const std::int32_t* taps, int n, int reach,
             std::int64_t* eroded, int w, int h) {
+    const int cols = w + 2 * reach;
     q.parallel_for(
         range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            const int y = int(row), x = int(col), i = y * w + x;
-            std::int64_t total = 0;
-            // What the neighbours' requests put here.
+            // The margins read as zero requests and zero softness: no
+            // request comes from outside the grid and none is given to it,
+            // and the loads run unchecked along the row.
+            const int p = (int(row) + reach) * cols + int(col) + reach;
+            const std::uint32_t soft_here = std::uint32_t(soft[p]);
+            const std::int64_t r = padded[p];
+            std::int64_t total = r;
             for (int t = 0; t < n; ++t) {
-                const int sx = x - taps[3 * t], sy = y - taps[3 * t + 1];
-                if (sx < 0 || sy < 0 || sx >= w || sy >= h) continue;
-                const std::int64_t r = request[sy * w + sx];
-                if (r) total += part_of(r, weight_on(taps[3 * t + 2], hardness, i));
+                const int offset = taps[3 * t + 1] * cols + taps[3 * t];
+                const std::uint64_t weight = std::uint32_t(taps[3 * t + 2]);
+                // What the request a tap away puts here, less what this
+                // cell's request gives the cell the tap reaches.
+                total += part_of(padded[p - offset], std::uint32_t((weight * soft_here) >> 16));
+                total -= part_of(r, std::uint32_t((weight * std::uint32_t(soft[p + offset])) >> 16));
             }
-            // What this cell's request keeps: all its taps inside the grid do not take.
-            const std::int64_t r = request[i];
-            if (r) {
-                std::int64_t given = 0;
-                for (int t = 0; t < n; ++t) {
-                    const int tx = x + taps[3 * t], ty = y + taps[3 * t + 1];
-                    if (tx < 0 || ty < 0 || tx >= w || ty >= h) continue;
-                    given += part_of(r, weight_on(taps[3 * t + 2], hardness, ty * w + tx));
-                }
-                total += r - given;
-            }
-            eroded[i] = total;
+            eroded[std::size_t(row) * std::size_t(w) + col] = total;
         });
 }
 
@@ -550,6 +570,8 @@ ParallelErosion::ParallelErosion(queue& q, float* h_heights, const float* h_rain
     m_finest = std::make_unique<LaplacianLevel>(q, upload(h_heights, "heights"), plan::levels(m_parameters) - 1);
     const std::vector<std::int32_t> taps = plan::brush(m_parameters.brush_radius);
     m_tap_count = int(taps.size() / 3);
+    for (std::size_t t = 0; t < taps.size(); t += 3)
+        m_reach = std::max({m_reach, std::abs(taps[t]), std::abs(taps[t + 1])});
     m_taps = usm_ptr<std::int32_t, 1>(q, {taps.empty() ? 1 : taps.size()}, "brush");
     if (!taps.empty()) m_taps.copy_from_host(taps.data());
 }
@@ -660,6 +682,10 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
     };
     rain = reduced(m_rain, "rain");
     hardness = reduced(m_hardness, "hardness");
+    const std::size_t padded_cells = std::size_t(w + 2 * m_reach) * std::size_t(h + 2 * m_reach);
+    usm_ptr<std::int64_t, 1> padded(q, {padded_cells}, "padded requests");
+    usm_ptr<std::int32_t, 1> soft(q, {padded_cells}, "softness");
+    soften(q, hardness.get(), soft.get(), w, h, m_reach);
 
     const float cell = p.cell_size * float(p.width) / float(w);
     round_constants k{};
@@ -703,7 +729,8 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
         trace_droplets(q, d_heights, rain.get(), d_mean_x, d_mean_y, g, k, claimed.get(), m_host_lanes);
         take_passing(q, d_passing, d_flux, cells);
         run_droplets(q, d_heights, rain.get(), hardness.get(), d_mean_x, d_mean_y, g, k, claimed.get(), m_host_lanes);
-        spread(q, d_request, hardness.get(), m_taps.get(), m_tap_count, d_eroded_units, w, h);
+        pad(q, d_request, padded.get(), w, h, m_reach);
+        spread(q, padded.get(), soft.get(), m_taps.get(), m_tap_count, m_reach, d_eroded_units, w, h);
         if (m_count_mass) {
             m_mass.taken += host_sum(q, request, cells);
             m_mass.spread += host_sum(q, eroded, cells);

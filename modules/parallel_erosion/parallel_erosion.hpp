@@ -44,8 +44,8 @@ inline constexpr float lean = 0.5f;
 
 // Why a record cannot be run (naming the field), or empty when it can.
 std::string check(const Parameters& p);
-// About 128 bytes per cell: the level's ten grids, six fixed-point grids and
-// the coarser levels.
+// About 140 bytes per cell: the level's ten grids, six fixed-point grids,
+// the brush's padded requests and softness, and the coarser levels.
 std::uint64_t memory_estimate(const Parameters& p);
 
 namespace plan {
@@ -100,9 +100,17 @@ void trace_droplets(halden::compute::queue& q, const float* heights, const float
 void run_droplets(halden::compute::queue& q, const float* heights, const float* rain, const float* hardness,
                   const float* mean_x, const float* mean_y, const round_grids& g, const round_constants& k,
                   std::int32_t* claimed, bool host_lanes = true);
-// eroded = the requests spread over the brush `taps` (n of them).
-void spread(halden::compute::queue& q, const std::int64_t* request, const float* hardness, const std::int32_t* taps,
-            int n, std::int64_t* eroded, int w, int h);
+// The brush works on grids with a margin of `reach` cells on every side,
+// rows w + 2 reach long. soft = 65536 less the hardness in 2^-16 (65536
+// without hardness), 0 in the margin, where taps take nothing.
+void soften(halden::compute::queue& q, const float* hardness, std::int32_t* soft, int w, int h, int reach);
+// padded = the requests with a zero margin.
+void pad(halden::compute::queue& q, const std::int64_t* request, std::int64_t* padded, int w, int h, int reach);
+// eroded = the padded requests spread over the brush `taps` (n of them,
+// within `reach`), each tap's weight scaled by the softness of the cell it
+// takes from.
+void spread(halden::compute::queue& q, const std::int64_t* padded, const std::int32_t* soft, const std::int32_t* taps,
+            int n, int reach, std::int64_t* eroded, int w, int h);
 
 class ParallelErosion {
 public:
@@ -143,6 +151,7 @@ private:
     std::unique_ptr<LaplacianLevel> m_finest;
     halden::compute::usm_ptr<std::int32_t, 1> m_taps;
     int m_tap_count = 0;
+    int m_reach = 0;  // the brush's reach in cells
     double m_done = 0.0, m_total = 0.0;
     bool m_count_mass = false;
     bool m_host_lanes = true;
