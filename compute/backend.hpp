@@ -16,6 +16,8 @@ void deallocate(void* ptr) noexcept;
 void copy(const void* src, void* dst, std::size_t bytes);
 // The machine's memory in bytes, 0 if unknown.
 std::uint64_t physical_bytes();
+// The most worker threads a launch from the calling thread runs at once.
+int max_team_size();
 }  // namespace native
 
 namespace cuda {

@@ -19,6 +19,8 @@ queue::~queue() {
     for (const host_block& b : m_kept) native::deallocate(b.ptr);
 }
 
+int queue::host_workers() const { return m_device.get_backend() == backend::native ? native::max_team_size() : 0; }
+
 namespace {
 
 // What a host queue keeps: a few blocks, at most an eighth of the machine's memory.

@@ -46,6 +46,10 @@ public:
     template <class T, class... Phases>
     void parallel_for_work_group(nd_range nd, std::size_t local_count, Phases... phases);
 
+    // The most work items of one launch that run at once on the host (its
+    // worker threads); 0 on a device, where they are too many to count.
+    int host_workers() const;
+
     // Stream-ordered copy between any two of host and this device's memory.
     void copy(const void* src, void* dst, std::size_t bytes);
 

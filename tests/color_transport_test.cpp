@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+#include <omp.h>
+
+#include "device/queue.hpp"
 #include "modules/color_transport/color_transport.hpp"
 #include "support.hpp"
 
@@ -211,6 +214,33 @@ TEST(ColorTransportOrder, EveryParticleOnceWithTheFlowMapsTraceLength) {
     EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), std::ptrdiff_t(n));
     EXPECT_GT(shorts, n / 4);
     EXPECT_LT(shorts, n);
+}
+
+TEST(ColorTransportOrder, TallyCopiesPerWorkerAndOneSharedGridGiveTheSameBits) {
+    // The host tallies into a copy per worker thread with plain adds; a
+    // device, or a host short of memory, into one grid with atomics. Any
+    // number of workers and either way must give the same bits.
+    const int w = 150, h = 120;
+    const std::vector<float> heights = hills(w, h, 31);
+    const colours start = random_colours(w, h, 32);
+    halden_queue* q = CreateSyclQueue("cpu", nullptr);
+    const int before = omp_get_max_threads();
+    const auto run = [&](int threads, bool copies) {
+        omp_set_num_threads(threads);
+        colours c = start;
+        color_transport::ColorTransport t(q->queue, record(w, h), heights.data(), c.r.data(), c.g.data(), c.b.data(),
+                                          nullptr);
+        if (!copies) t.without_host_copies();
+        EXPECT_TRUE(t.process());
+        return c.all();
+    };
+    const std::vector<float> shared = run(2, false);
+    EXPECT_NE(shared, start.all());
+    expect_same_bits(run(1, true), shared);
+    expect_same_bits(run(2, true), shared);
+    expect_same_bits(run(3, true), shared);
+    omp_set_num_threads(before);
+    DestroySyclQueue(q);
 }
 
 TEST_P(ColorTransportExport, BadInputCancelAndStatus) {

@@ -66,6 +66,8 @@ std::atomic<int> g_launches{0};
 
 }  // namespace
 
+int max_team_size() { return omp_get_max_threads(); }
+
 team::team() {
     const int running = g_launches.fetch_add(1, std::memory_order_relaxed) + 1;
     const int threads = omp_get_max_threads();

@@ -64,9 +64,10 @@ std::string check_grids(const Parameters& p, const float* heights, const float* 
 }
 
 std::uint64_t memory_estimate(const Parameters& p) {
-    // Surface, scratch and pyramid 16, colours with their tallies 64 (and
-    // 12 planar), mask 4, particles with ids 12.
-    return 108u * std::uint64_t(p.width) * std::uint64_t(p.height);
+    // Surface, scratch and pyramid 16, colours 16 (and 12 planar), tallies
+    // 32, mask 4, particles with ids 12. A host's further tally copies come
+    // on top, up to an eighth of the memory.
+    return 92u * std::uint64_t(p.width) * std::uint64_t(p.height);
 }
 
 flow::Parameters flow_parameters(const Parameters& p) { return {p.width, p.height, p.length, 0.0f, p.seed}; }
@@ -118,12 +119,14 @@ namespace {
 // the part of the difference that remains (`keep` = 1 - pickup rate), so that
 // an equal colour or a full pickup leaves a difference of exactly zero.
 struct carry_colour {
-    cell_state* cells;
+    const cell_colour* colours;
+    cell_tally* tallies;
     float keep;
     fixed_point scale;
     std::uint32_t* overflow;
+    bool own;  // the tallies are this lane group's alone: plain adds
 
-    // A visit's cell misses the caches, where the flow's counts stay in
+    // A visit's cells miss the caches, where the flow's counts stay in
     // them: three lanes for the flow's one keep more of those misses in
     // flight (on 1024^2, 24 lanes ran 1.4 times as fast as 8; 16 and 32
     // lanes lay in between).
@@ -137,50 +140,100 @@ struct carry_colour {
         float r, g, b;
     };
     HALDEN_HD carried start(int cell) const {
-        const cell_state& c = cells[cell];
+        const cell_colour& c = colours[cell];
         return {c.r, c.g, c.b};
     }
-    // The cell's line is fetched ahead of the visit. A load here would hold
-    // up the locked adds that run before the visit; a prefetch does not.
-    HALDEN_HD void ahead(carried&, int cell) const { halden::compute::prefetch(&cells[cell]); }
+    // The cell's lines are fetched ahead of the visit. A load here would
+    // hold up the locked adds that run before the visit; a prefetch does not.
+    HALDEN_HD void ahead(carried&, int cell) const {
+        halden::compute::prefetch(&colours[cell]);
+        halden::compute::prefetch(&tallies[cell]);
+    }
     HALDEN_HD pending visit(carried& k, int cell) const {
-        const cell_state& c = cells[cell];
+        const cell_colour& c = colours[cell];
         const pending v{cell, keep * (k.r - c.r), keep * (k.g - c.g), keep * (k.b - c.b)};
         k.r = c.r + v.r, k.g = c.g + v.g, k.b = c.b + v.b;
         return v;
     }
     HALDEN_HD void apply(const pending& v) const {
-        cell_state& t = cells[v.cell];
-        halden::core::accumulate(&t.tr, v.r, scale, overflow);
-        halden::core::accumulate(&t.tg, v.g, scale, overflow);
-        halden::core::accumulate(&t.tb, v.b, scale, overflow);
+        cell_tally& t = tallies[v.cell];
+        const std::int64_t r = scale.encode(v.r, overflow), g = scale.encode(v.g, overflow),
+                           b = scale.encode(v.b, overflow);
+        if (own) {
+            t.tr += r, t.tg += g, t.tb += b, t.visits += 1;
+            return;
+        }
+        if (r) halden::compute::atomic_add(&t.tr, r);
+        if (g) halden::compute::atomic_add(&t.tg, g);
+        if (b) halden::compute::atomic_add(&t.tb, b);
         halden::compute::atomic_add(&t.visits, std::int64_t(1));
     }
 };
 
 }  // namespace
 
-void ColorTransport::gather(const usm_ptr<float, 1>& planar, usm_ptr<cell_state, 1>& cells) {
-    const std::size_t n = cells.size();
+void ColorTransport::gather(const usm_ptr<float, 1>& planar, usm_ptr<cell_colour, 1>& colours) {
+    const std::size_t n = colours.size();
     const float* d_planar = planar.get();
-    cell_state* d_cells = cells.get();
+    cell_colour* d_colours = colours.get();
     m_queue.parallel_for(
         range<1>{n}, HALDEN_KERNEL(std::size_t i) {
-            d_cells[i] = {d_planar[i], d_planar[n + i], d_planar[2 * n + i], 0.0f, 0, 0, 0, 0};
+            d_colours[i] = {d_planar[i], d_planar[n + i], d_planar[2 * n + i], 0.0f};
         });
 }
 
-void ColorTransport::carry(const flow::tracing::trace_launch& launch, usm_ptr<cell_state, 1>& cells,
-                           fixed_point scale) {
-    if (!m_claimed.get()) m_claimed = usm_ptr<std::int32_t, 1>(m_queue, {1}, "trace counter");
-    const carry_colour sink{cells.get(), 1.0f - m_parameters.pickup_rate, scale, m_overflow.get()};
-    flow::tracing::run_traces(m_queue, launch, sink, m_claimed.get());
+void ColorTransport::carry(const flow::tracing::trace_launch& launch, const usm_ptr<cell_colour, 1>& colours,
+                           usm_ptr<cell_tally, 1>& tallies, fixed_point scale) {
+    if (!m_counters.get()) m_counters = usm_ptr<std::int32_t, 1>(m_queue, {2}, "trace and copy counters");
+    const carry_colour sink{colours.get(), tallies.get(),    1.0f - m_parameters.pickup_rate,
+                            scale,         m_overflow.get(), false};
+    std::int32_t* counters = m_counters.get();
+    if (m_copies == 0) {
+        flow::tracing::run_traces(m_queue, launch, sink, counters);
+        return;
+    }
+    if (launch.count == 0) return;
+    const std::int32_t zeros[2] = {0, 0};
+    m_queue.copy(zeros, counters, sizeof zeros);
+    const int copies = m_copies;
+    const std::size_t n = colours.size();
+    m_queue.parallel_for(
+        range<1>{launch.count}, HALDEN_KERNEL(std::size_t i) {
+            if (i % flow::tracing::items_per_group != 0) return;
+            // A lane group runs until the launch's traces run out, so no
+            // more groups run at once than the host has workers: each takes
+            // a copy of its own. One that finds every copy taken leaves the
+            // traces to the groups that have one.
+            const std::int32_t copy = halden::compute::atomic_add(&counters[1], std::int32_t(1));
+            if (copy >= copies) return;
+            carry_colour mine = sink;
+            mine.tallies += std::size_t(copy) * n;
+            mine.own = true;
+            flow::tracing::run_lanes(launch, mine, counters);
+        });
 }
 
-void ColorTransport::blend(const usm_ptr<cell_state, 1>& cells, const grid& mask, fixed_point scale,
-                           usm_ptr<float, 1>& planar) {
-    const std::size_t n = cells.size();
-    const cell_state* d_cells = cells.get();
+void ColorTransport::merge(usm_ptr<cell_tally, 1>& tallies) {
+    if (m_copies < 2) return;
+    const std::size_t n = tallies.size() / std::size_t(m_copies);
+    const int copies = m_copies;
+    cell_tally* d = tallies.get();
+    m_queue.parallel_for(
+        range<1>{n}, HALDEN_KERNEL(std::size_t i) {
+            cell_tally t = d[i];
+            for (int c = 1; c < copies; ++c) {
+                const cell_tally& o = d[std::size_t(c) * n + i];
+                t.tr += o.tr, t.tg += o.tg, t.tb += o.tb, t.visits += o.visits;
+            }
+            d[i] = t;
+        });
+}
+
+void ColorTransport::blend(const usm_ptr<cell_colour, 1>& colours, const usm_ptr<cell_tally, 1>& tallies,
+                           const grid& mask, fixed_point scale, usm_ptr<float, 1>& planar) {
+    const std::size_t n = colours.size();
+    const cell_colour* d_colours = colours.get();
+    const cell_tally* d_tallies = tallies.get();
     const float* d_mask = mask.get();
     float* d_planar = planar.get();
     // w / (w + saturation) with w = visits * weight, written so that no
@@ -189,14 +242,15 @@ void ColorTransport::blend(const usm_ptr<cell_state, 1>& cells, const grid& mask
     const float strength = m_parameters.strength;
     m_queue.parallel_for(
         range<1>{n}, HALDEN_KERNEL(std::size_t i) {
-            const cell_state c = d_cells[i];
+            const cell_colour c = d_colours[i];
+            const cell_tally t = d_tallies[i];
             float f = 0.0f, dr = 0.0f, dg = 0.0f, db = 0.0f;
-            if (c.visits > 0) {
-                const float visits = float(c.visits);
+            if (t.visits > 0) {
+                const float visits = float(t.visits);
                 f = strength * (visits / (visits + half_visits)) * (d_mask ? d_mask[i] : 1.0f);
-                dr = scale.decode(c.tr) / visits;
-                dg = scale.decode(c.tg) / visits;
-                db = scale.decode(c.tb) / visits;
+                dr = scale.decode(t.tr) / visits;
+                dg = scale.decode(t.tg) / visits;
+                db = scale.decode(t.tb) / visits;
             }
             // A zero difference leaves the colour's bits as they were.
             d_planar[i] = c.r + dr * f;
@@ -226,8 +280,23 @@ bool ColorTransport::process() {
     m_queue.copy(m_red, planar.get(), n * sizeof(float));
     m_queue.copy(m_green, planar.get() + n, n * sizeof(float));
     m_queue.copy(m_blue, planar.get() + 2 * n, n * sizeof(float));
-    usm_ptr<cell_state, 1> cells(m_queue, {n}, "colours and tallies");
-    gather(planar, cells);
+    usm_ptr<cell_colour, 1> colours(m_queue, {n}, "colours");
+    gather(planar, colours);
+    // On the host every worker thread tallies into a copy of its own with
+    // plain adds: a locked add stalls its core until the store is done, and
+    // the cells where rivers meet would pass between the cores' caches. The
+    // copies cost 32 bytes per cell and worker, and are taken while they fit
+    // in an eighth of the memory.
+    const int workers = m_host_copies ? m_queue.host_workers() : 0;
+    const std::uint64_t copy_bytes = std::uint64_t(workers) * sizeof(cell_tally) * n;
+    m_copies = workers > 0 && copy_bytes <= m_queue.get_device().global_mem_size() / 8 ? workers : 0;
+    usm_ptr<cell_tally, 1> tallies(m_queue, {n * std::size_t(std::max(m_copies, 1))}, "tallies");
+    const std::size_t tally_count = tallies.size();
+    cell_tally* d_tallies = tallies.get();
+    m_queue.parallel_for(
+        range<1>{tally_count}, HALDEN_KERNEL(std::size_t i) {
+            d_tallies[i] = {0, 0, 0, 0};
+        });
     grid mask;
     if (m_mask) {
         mask = grid(m_queue, surface.working_heights().extent(), "mask");
@@ -290,7 +359,7 @@ bool ColorTransport::process() {
                                                      directions.get(),
                                                      p.seed,
                                                      nullptr};
-            carry(launch, cells, scale);
+            carry(launch, colours, tallies, scale);
             o = end;
         }
         done += 32.0 / flow::batches;
@@ -302,7 +371,8 @@ bool ColorTransport::process() {
     m_queue.copy(m_overflow.get(), &overflowed, sizeof overflowed);
     m_queue.synchronize();
     if (overflowed) throw std::runtime_error("colour tallies overflowed their fixed-point range");
-    blend(cells, mask, scale, planar);
+    merge(tallies);
+    blend(colours, tallies, mask, scale, planar);
     // A failed device leaves the caller's colours as they were.
     m_queue.synchronize();
     if (!m_queue.has_pending_errors()) {

@@ -25,12 +25,13 @@ using halden::core::grid;
 // The module's copy of the caller's callback record, replaced on every call.
 extern halden_callbacks callbacks;
 
-// A cell on the device: its colour, and its tally of the carried-minus-own
-// colour summed over its visits, with the visit count. A visit reads the one
-// and adds to the other, which a whole cache line per cell keeps to one
-// fetch: the grid outgrows the caches either way.
-struct alignas(64) cell_state {
+// A cell's colour, which its visits read.
+struct alignas(16) cell_colour {
     float r, g, b, unused;
+};
+// A cell's tally of the carried-minus-own colour over its visits, with the
+// visit count: what a visit adds to, on one cache line.
+struct alignas(32) cell_tally {
     std::int64_t tr, tg, tb, visits;
 };
 
@@ -66,15 +67,25 @@ public:
     // The whole operation; false when the caller cancelled.
     bool process();
 
-    // Interleaves the colours into `cells` and clears their tallies.
-    void gather(const halden::compute::usm_ptr<float, 1>& planar, halden::compute::usm_ptr<cell_state, 1>& cells);
+    // Tallies into one grid with atomics, as a device does, rather than into
+    // a copy per host worker thread; for tests.
+    void without_host_copies() { m_host_copies = false; }
+
+    // The steps of process(); public for the device compiler, which wants
+    // the functions around its lambdas so.
+
+    // Interleaves the colours into `colours`.
+    void gather(const halden::compute::usm_ptr<float, 1>& planar, halden::compute::usm_ptr<cell_colour, 1>& colours);
     // Runs one launch of traces, tallying the colour they carry.
-    void carry(const flow::tracing::trace_launch& launch, halden::compute::usm_ptr<cell_state, 1>& cells,
-               halden::core::fixed_point scale);
+    void carry(const flow::tracing::trace_launch& launch, const halden::compute::usm_ptr<cell_colour, 1>& colours,
+               halden::compute::usm_ptr<cell_tally, 1>& tallies, halden::core::fixed_point scale);
+    // Adds the workers' copies of the tallies into the first.
+    void merge(halden::compute::usm_ptr<cell_tally, 1>& tallies);
     // Moves each colour toward the mean carried colour by strength times the
     // saturated visit weight times the mask, into `planar` (three planes).
-    void blend(const halden::compute::usm_ptr<cell_state, 1>& cells, const grid& mask, halden::core::fixed_point scale,
-               halden::compute::usm_ptr<float, 1>& planar);
+    void blend(const halden::compute::usm_ptr<cell_colour, 1>& colours,
+               const halden::compute::usm_ptr<cell_tally, 1>& tallies, const grid& mask,
+               halden::core::fixed_point scale, halden::compute::usm_ptr<float, 1>& planar);
 
 private:
     bool report_progress(double done);
@@ -87,7 +98,9 @@ private:
     float* m_green;
     float* m_blue;
     const float* m_mask;
-    halden::compute::usm_ptr<std::int32_t, 1> m_claimed;
+    bool m_host_copies = true;
+    int m_copies = 0;  // tally copies, one per host worker thread; 0: one grid, atomics
+    halden::compute::usm_ptr<std::int32_t, 1> m_counters;  // traces claimed, copies taken
     halden::compute::usm_ptr<std::uint32_t, 1> m_overflow;
 };
 
