@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "compute/atomic.hpp"
 #include "compute/types.hpp"
 #include "core/bits.hpp"
 
@@ -38,5 +39,30 @@ HALDEN_HD inline std::uint32_t pick(std::uint32_t keep, std::uint32_t a, std::ui
 HALDEN_HD inline float pick(std::uint32_t keep, float a, float b) {
     return halden::bits_float(pick(keep, halden::float_bits(a), halden::float_bits(b)));
 }
+
+// Hands the items of a launch to the lane groups that share it, `grab` at a
+// time from the counter *claimed (0 at the launch's start), so that lanes
+// refill until every group has run out.
+struct lane_feed {
+    std::int32_t* claimed;
+    unsigned count, grab;
+    unsigned next = 0, end = 0;
+
+    // The next item, or false once they have all been handed out.
+    HALDEN_HD bool take(unsigned& item) {
+        if (next == end) {
+            if (!claimed) return false;
+            const std::int32_t first = atomic_add(claimed, std::int32_t(grab));
+            if (unsigned(first) >= count) {
+                claimed = nullptr;
+                return false;
+            }
+            next = unsigned(first);
+            end = count - next < grab ? count : next + grab;
+        }
+        item = next++;
+        return true;
+    }
+};
 
 }  // namespace halden::compute

@@ -251,8 +251,7 @@ HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::in
     int current = 0;
     typename Sink::pending late[lanes];
     int late_count = 0;
-    unsigned next = 0, end = 0;
-    bool drained = false;
+    halden::compute::lane_feed feed{claimed, a.count, unsigned(grab)};
     for (;;) {
         lane_state<lanes>& g = states[current];
         int running = 0;
@@ -263,17 +262,8 @@ HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::in
             }
             if (traces.held[l] && a.steps) a.steps[traces.idx[l]] = traces.made[l];
             traces.held[l] = 0;
-            while (!drained) {
-                if (next == end) {
-                    const std::int32_t first = halden::compute::atomic_add(claimed, std::int32_t(grab));
-                    if (unsigned(first) >= a.count) {
-                        drained = true;
-                        break;
-                    }
-                    next = unsigned(first);
-                    end = a.count - next < unsigned(grab) ? a.count : next + unsigned(grab);
-                }
-                const unsigned k = next++;
+            unsigned k;
+            while (feed.take(k)) {
                 const std::uint32_t id = particle_of(a, k);
                 tracer t;
                 if (!begin_trace(a.ground, a.starts[k], a.seed, id, t)) continue;

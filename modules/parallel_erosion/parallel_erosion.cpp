@@ -411,22 +411,13 @@ HALDEN_HD inline void run_lanes(Pass& pass, const walk_inputs& in, const round_c
     typename Pass::carried carried[lanes];
     int steps[lanes] = {};
     bool on[lanes] = {};
-    unsigned next = 0, end = 0;
-    bool drained = false;
+    halden::compute::lane_feed feed{claimed, k.count, grab};
     // Puts the next droplet into lane l; false once none is left.
     const auto refill = [&](int l) {
-        while (!drained) {
-            if (next == end) {
-                const std::int32_t first = halden::compute::atomic_add(claimed, std::int32_t(grab));
-                if (unsigned(first) >= k.count) {
-                    drained = true;
-                    break;
-                }
-                next = unsigned(first);
-                end = k.count - next < grab ? k.count : next + grab;
-            }
+        unsigned index;
+        while (feed.take(index)) {
             droplet d;
-            if (!spawn(d, next++, in.heights, in.rain, k)) continue;
+            if (!spawn(d, index, in.heights, in.rain, k)) continue;
             a.put(l, d);
             a.moving[l] = 0;
             carried[l] = {};
