@@ -1430,7 +1430,8 @@ HALDEN_STATIC_ASSERT(offsetof(halden_color_transport_parameters, saturation) == 
  * `red`, `green` and `blue` (width * height floats each, any finite range)
  * are read and overwritten with the result. `mask` (may be NULL; values 0 to
  * 1) scales the change per cell. Needs about 92 bytes per cell of device
- * memory. A uniform colour, a flat terrain and cells that nothing flows into
+ * memory; on the host also 32 bytes per cell and worker thread, while those
+ * fit in an eighth of the memory. A uniform colour, a flat terrain and cells that nothing flows into
  * keep their colours exactly.
  *
  * Progress goes to slot 1 of `callbacks` in percent; a nonzero return from
