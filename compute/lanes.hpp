@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "compute/atomic.hpp"
+#include "compute/native/launch.hpp"
 #include "compute/types.hpp"
 #include "core/bits.hpp"
 
@@ -19,6 +20,20 @@
 #endif
 
 namespace halden::compute {
+
+// Runs `run()`, a loop that one work item holds (a host lane group, a row),
+// compiled for x86-64-v3 where the processor has it; a device just calls it.
+template <class F>
+HALDEN_HD inline void run_wide(const F& run) {
+#if defined(__CUDA_ARCH__)
+    run();
+#else
+    if (native::active_isa() == native::isa::x86_64_v3)
+        native::loops::run_v3(run);
+    else
+        run();
+#endif
+}
 
 // A hint that *p will be written soon.
 template <class T>

@@ -18,10 +18,15 @@
 // nvcc wraps each kernel lambda in a type-erased caller, which crashed (a
 // call through a null pointer) inside the wide clone: translation units that
 // nvcc compiles keep the baseline loops alone.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDACC__)
-#  define HALDEN_VECTOR_ISA __attribute__((target("avx2,fma,bmi,bmi2,lzcnt,movbe,f16c,popcnt"), flatten))
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDA_ARCH__)
+#  define HALDEN_WIDE_ISA __attribute__((target("avx2,fma,bmi,bmi2,lzcnt,movbe,f16c,popcnt"), flatten))
 #else
+#  define HALDEN_WIDE_ISA
+#endif
+#if defined(__CUDACC__)
 #  define HALDEN_VECTOR_ISA
+#else
+#  define HALDEN_VECTOR_ISA HALDEN_WIDE_ISA
 #endif
 
 namespace halden::compute::native {
@@ -96,6 +101,15 @@ HALDEN_VECTOR_ISA void cells_v3(F& body, std::int64_t begin, std::int64_t end, s
 template <class T, class... Phases>
 HALDEN_VECTOR_ISA void group_v3(group_item it, T* local, Phases&... phases) {
     group(it, local, phases...);
+}
+
+// A loop held by one work item (a lane group, a row), compiled for the
+// wider set. In translation units that nvcc compiles the work item's own
+// callable is a type-erased wrapper that the wide loops cannot call; the
+// loop inside it is a plain callable, which they can.
+template <class F>
+HALDEN_WIDE_ISA void run_v3(const F& run) {
+    run();
 }
 
 }  // namespace loops

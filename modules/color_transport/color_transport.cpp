@@ -209,7 +209,7 @@ void ColorTransport::carry(const flow::tracing::trace_launch& launch, const usm_
             carry_colour mine = sink;
             mine.tallies += std::size_t(copy) * n;
             mine.own = true;
-            flow::tracing::run_lanes(launch, mine, counters);
+            halden::compute::run_wide([&] { flow::tracing::run_lanes(launch, mine, counters); });
         });
 }
 

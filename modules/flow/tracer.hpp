@@ -312,7 +312,7 @@ void run_traces(halden::compute::queue& q, const trace_launch& a, const Sink& si
     q.copy(&zero, claimed, sizeof zero);
     q.parallel_for(
         traces, HALDEN_KERNEL(std::size_t i) {
-            if (i % items_per_group == 0) run_lanes(a, sink, claimed);
+            if (i % items_per_group == 0) halden::compute::run_wide([&] { run_lanes(a, sink, claimed); });
         });
 }
 

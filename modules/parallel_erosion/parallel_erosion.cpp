@@ -465,7 +465,7 @@ void launch(queue& q, const Pass& pass, const walk_inputs& in, const round_const
         range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
             if (i % items_per_group != 0) return;
             Pass p = pass;
-            run_lanes<coupled>(p, in, k, claimed);
+            halden::compute::run_wide([&] { run_lanes<coupled>(p, in, k, claimed); });
             p.finish();
         });
 }
