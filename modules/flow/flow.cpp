@@ -307,6 +307,13 @@ void fold(queue& q, range<2> extent, const batch_fold& f) {
         extent, HALDEN_KERNEL(std::size_t row, std::size_t col) { fold_cell(f, row * cols + col); });
 }
 
+// One row of a fold in a vector loop, values in: a loop in the launching
+// lambda would read them through its captures and not vectorise.
+HALDEN_HD HALDEN_FORCE_INLINE void fold_row(batch_fold f, std::size_t row, std::size_t cols) {
+    HALDEN_LANES
+    for (std::size_t c = 0; c < cols; ++c) fold_cell(f, row * cols + c);
+}
+
 // The host runs a batch's traces and folds the previous batch, counted into
 // the other count grid, in one launch: one wait for the team fewer per
 // batch, and the fold's rows fill the threads that the traces' last lanes
@@ -319,10 +326,7 @@ void run_traces_folding(queue& q, const trace_launch& a, std::int32_t* visits, s
     q.parallel_for(
         range<1>{rows + a.count}, HALDEN_KERNEL(std::size_t i) {
             if (i < rows) {
-                halden::compute::run_wide([&] {
-                    HALDEN_LANES
-                    for (std::size_t c = 0; c < cols; ++c) fold_cell(previous, i * cols + c);
-                });
+                halden::compute::run_wide([&] { fold_row(previous, i, cols); });
             } else if ((i - rows) % items_per_group == 0) {
                 halden::compute::run_wide([&] { run_lanes(a, count_visits<std::int32_t>{visits}, claimed); });
             }
