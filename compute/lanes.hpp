@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Helpers for host lane groups: particles that run side by side in the lanes
-// of one host work item, so that their chains of dependent loads, divisions
-// and square roots overlap, in vector registers where the set has them. The
-// device runs one particle per work item and needs none of this.
+// Helpers for loops that one host work item holds. Lane groups: particles
+// that run side by side in the lanes of one work item, so that their chains
+// of dependent loads, divisions and square roots overlap, in vector
+// registers where the set has them (a device runs one particle per work
+// item instead). Rows: a stencil's row in one vector loop. run_wide compiles
+// either for the wider instruction set.
 #pragma once
 
 #include <cstdint>
@@ -55,25 +57,31 @@ HALDEN_HD inline float pick(std::uint32_t keep, float a, float b) {
     return halden::bits_float(pick(keep, halden::float_bits(a), halden::float_bits(b)));
 }
 
-// Hands the items of a launch to the lane groups that share it, `grab` at a
-// time from the counter *claimed (0 at the launch's start), so that lanes
+// Items a lane group takes from its launch's shared counter at a time.
+inline constexpr unsigned lane_grab = 64;
+// Host work items per lane group: the first of each runs one, the others
+// return at once, so the launch still hands out its chunks to every thread.
+inline constexpr unsigned items_per_lane_group = 256;
+
+// Hands the items of a launch to the lane groups that share it, lane_grab at
+// a time from the counter *claimed (0 at the launch's start), so that lanes
 // refill until every group has run out.
 struct lane_feed {
     std::int32_t* claimed;
-    unsigned count, grab;
+    unsigned count;
     unsigned next = 0, end = 0;
 
     // The next item, or false once they have all been handed out.
     HALDEN_HD bool take(unsigned& item) {
         if (next == end) {
             if (!claimed) return false;
-            const std::int32_t first = atomic_add(claimed, std::int32_t(grab));
+            const std::int32_t first = atomic_add(claimed, std::int32_t(lane_grab));
             if (unsigned(first) >= count) {
                 claimed = nullptr;
                 return false;
             }
             next = unsigned(first);
-            end = count - next < grab ? count : next + grab;
+            end = count - next < lane_grab ? count : next + lane_grab;
         }
         item = next++;
         return true;

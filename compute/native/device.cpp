@@ -70,7 +70,7 @@ int max_team_size() { return omp_get_max_threads(); }
 
 team::team() {
     const int running = g_launches.fetch_add(1, std::memory_order_relaxed) + 1;
-    const int threads = omp_get_max_threads();
+    const int threads = max_team_size();
     m_size = threads / running > 0 ? threads / running : 1;
 }
 

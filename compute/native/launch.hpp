@@ -17,7 +17,8 @@
 
 // nvcc wraps each kernel lambda in a type-erased caller, which crashed (a
 // call through a null pointer) inside the wide clone: translation units that
-// nvcc compiles keep the baseline loops alone.
+// nvcc compiles keep the baseline launch loops alone, and widen only the
+// plain callables a work item hands to run_v3.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDA_ARCH__)
 #  define HALDEN_WIDE_ISA __attribute__((target("avx2,fma,bmi,bmi2,lzcnt,movbe,f16c,popcnt"), flatten))
 #else

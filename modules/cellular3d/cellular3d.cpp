@@ -91,7 +91,7 @@ HALDEN_HD inline void split(double u, int& cell, float& place) {
 // (cx, cy, cz). Its coordinates wrap with the octave's period before they
 // are hashed, so periodic copies share their features.
 HALDEN_HD HALDEN_FORCE_INLINE feature feature_at(const octave& o, int cx, int cy, int cz, int dx, int dy, int dz,
-                                             float jitter) {
+                                                 float jitter) {
     int x = cx + dx, y = cy + dy;
     if (o.period > 0) {
         x = halden::core::wrap_index(x, o.period);
@@ -302,8 +302,9 @@ HALDEN_HD inline float finish(const context& c, const plan& p, const sample& s, 
 // runs in vector lanes on the host. `Id` also tracks which candidate is
 // nearest (first in block order on ties).
 template <int M, bool Id>
-HALDEN_HD HALDEN_FORCE_INLINE void block_pass(const float* bx, const float* by, const float* bz, const float* fx, float fy,
-                                          const float* fz, float* k1, float* k2, int* best, int count, float e) {
+HALDEN_HD HALDEN_FORCE_INLINE void block_pass(const float* bx, const float* by, const float* bz, const float* fx,
+                                              float fy, const float* fz, float* k1, float* k2, int* best, int count,
+                                              float e) {
     for (int i = 0; i < count; ++i) {
         const float sx = fx[i], sz = fz[i];
         float a = kInf, b = kInf;

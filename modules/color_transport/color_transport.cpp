@@ -185,8 +185,8 @@ void ColorTransport::gather(const usm_ptr<float, 1>& planar, usm_ptr<cell_colour
 void ColorTransport::carry(const flow::tracing::trace_launch& launch, const usm_ptr<cell_colour, 1>& colours,
                            usm_ptr<cell_tally, 1>& tallies, fixed_point scale) {
     if (!m_counters.get()) m_counters = usm_ptr<std::int32_t, 1>(m_queue, {2}, "trace and copy counters");
-    const carry_colour sink{colours.get(), tallies.get(),    1.0f - m_parameters.pickup_rate,
-                            scale,         m_overflow.get(), false};
+    const carry_colour sink{
+        colours.get(), tallies.get(), 1.0f - m_parameters.pickup_rate, scale, m_overflow.get(), false};
     std::int32_t* counters = m_counters.get();
     if (m_copies == 0) {
         flow::tracing::run_traces(m_queue, launch, sink, counters);
@@ -199,7 +199,7 @@ void ColorTransport::carry(const flow::tracing::trace_launch& launch, const usm_
     const std::size_t n = colours.size();
     m_queue.parallel_for(
         range<1>{launch.count}, HALDEN_KERNEL(std::size_t i) {
-            if (i % flow::tracing::items_per_group != 0) return;
+            if (i % halden::compute::items_per_lane_group != 0) return;
             // A lane group runs until the launch's traces run out, so no
             // more groups run at once than the host has workers: each takes
             // a copy of its own. One that finds every copy taken leaves the

@@ -6,8 +6,8 @@
 #include <random>
 #include <stdexcept>
 
-#include "core/bits.hpp"
 #include "core/checks.hpp"
+#include "core/bits.hpp"
 #include "core/math.hpp"
 #include "core/random.hpp"
 #include "device/messages.hpp"
@@ -175,16 +175,14 @@ HALDEN_HD inline bool fill_cell(const float* in, float* out, float* mark, int w,
 // A pass on the device: the interior cells, then the border ring.
 template <bool Marks>
 void fill_cells(queue& q, const float* in, float* out, float* mark, int w, int h) {
-    q.parallel_for(
-        interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
-            fill_cell<false, Marks>(in, out, mark, w, h, 0, 0, i);
-        });
-    q.parallel_for(
-        range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
-            const halden::core::cell b = border_cell(k, w, h);
-            fill_cell<true, Marks>(in, out, mark, w, h, b.y, b.x, std::ptrdiff_t(b.y) * w + b.x);
-        });
+    q.parallel_for(interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
+        fill_cell<false, Marks>(in, out, mark, w, h, 0, 0, i);
+    });
+    q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
+        const halden::core::cell b = border_cell(k, w, h);
+        fill_cell<true, Marks>(in, out, mark, w, h, b.y, b.x, std::ptrdiff_t(b.y) * w + b.x);
+    });
 }
 
 // One row of a pass on the host, its interior in a vector loop. With
@@ -215,13 +213,12 @@ HALDEN_HD inline int fill_row(const float* in, float* out, float* mark, int w, i
 template <bool Marks>
 void fill_rows(queue& q, const float* in, float* out, float* mark, int w, int h, const std::int32_t* before,
                std::int32_t* changed) {
-    q.parallel_for(
-        range<1>{std::size_t(h)}, HALDEN_KERNEL(std::size_t row) {
-            halden::compute::run_wide([&] {
-                const int changed_here = fill_row<Marks>(in, out, mark, w, h, int(row), before);
-                if (changed) changed[row] = changed_here;
-            });
+    q.parallel_for(range<1>{std::size_t(h)}, HALDEN_KERNEL(std::size_t row) {
+        halden::compute::run_wide([&] {
+            const int changed_here = fill_row<Marks>(in, out, mark, w, h, int(row), before);
+            if (changed) changed[row] = changed_here;
         });
+    });
 }
 
 // The last `passes` passes of a level on the host in one work item, when
@@ -231,26 +228,25 @@ void fill_rows(queue& q, const float* in, float* out, float* mark, int w, int h,
 void fill_tail(queue& q, float* heights, float* scratch, int w, int h, int passes, std::int32_t* before,
                std::int32_t* changed) {
     // A one-item grid: the host runs it on the calling thread.
-    q.parallel_for(
-        range<2>{1, 1}, HALDEN_KERNEL(std::size_t, std::size_t) {
-            halden::compute::run_wide([&] {
-                float* in = heights;
-                float* out = scratch;
-                std::int32_t* was = before;
-                std::int32_t* is = changed;
-                for (int pass = 0; pass < passes; ++pass) {
-                    int any = 0;
-                    for (int r = 0; r < h; ++r) any |= is[r] = fill_row<false>(in, out, nullptr, w, h, r, was);
-                    if (!any) return;
-                    float* t = in;
-                    in = out;
-                    out = t;
-                    std::int32_t* u = was;
-                    was = is;
-                    is = u;
-                }
-            });
+    q.parallel_for(range<2>{1, 1}, HALDEN_KERNEL(std::size_t, std::size_t) {
+        halden::compute::run_wide([&] {
+            float* in = heights;
+            float* out = scratch;
+            std::int32_t* was = before;
+            std::int32_t* is = changed;
+            for (int pass = 0; pass < passes; ++pass) {
+                int any = 0;
+                for (int r = 0; r < h; ++r) any |= is[r] = fill_row<false>(in, out, nullptr, w, h, r, was);
+                if (!any) return;
+                float* t = in;
+                in = out;
+                out = t;
+                std::int32_t* u = was;
+                was = is;
+                is = u;
+            }
         });
+    });
 }
 
 template <bool Marks>
@@ -266,10 +262,8 @@ void fill_pass(queue& q, const float* in, float* out, float* mark, int w, int h,
 
 void Flow::fill_pits(grid& heights, grid& scratch, grid& marks) {
     const int w = halden::core::width_of(heights), h = halden::core::height_of(heights);
-    if (marks.get())
-        fill_pass<true>(m_queue, heights.get(), scratch.get(), marks.get(), w, h, nullptr, nullptr);
-    else
-        fill_pass<false>(m_queue, heights.get(), scratch.get(), nullptr, w, h, nullptr, nullptr);
+    if (marks.get()) fill_pass<true>(m_queue, heights.get(), scratch.get(), marks.get(), w, h, nullptr, nullptr);
+    else fill_pass<false>(m_queue, heights.get(), scratch.get(), nullptr, w, h, nullptr, nullptr);
     // The pass's second kernel, a copy back, becomes an exchange.
     heights.swap(scratch);
 }
@@ -303,8 +297,7 @@ HALDEN_HD inline void fold_cell(const batch_fold& f, std::size_t i) {
 
 void fold(queue& q, range<2> extent, const batch_fold& f) {
     const std::size_t cols = extent.cols;
-    q.parallel_for(
-        extent, HALDEN_KERNEL(std::size_t row, std::size_t col) { fold_cell(f, row * cols + col); });
+    q.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) { fold_cell(f, row * cols + col); });
 }
 
 // One row of a fold in a vector loop, values in: a loop in the launching
@@ -323,14 +316,12 @@ void run_traces_folding(queue& q, const trace_launch& a, std::int32_t* visits, s
     const std::int32_t zero = 0;
     q.copy(&zero, claimed, sizeof zero);
     const std::size_t rows = extent.rows, cols = extent.cols;
-    q.parallel_for(
-        range<1>{rows + a.count}, HALDEN_KERNEL(std::size_t i) {
-            if (i < rows) {
-                halden::compute::run_wide([&] { fold_row(previous, i, cols); });
-            } else if ((i - rows) % items_per_group == 0) {
-                halden::compute::run_wide([&] { run_lanes(a, count_visits<std::int32_t>{visits}, claimed); });
-            }
-        });
+    q.parallel_for(range<1>{rows + a.count}, HALDEN_KERNEL(std::size_t i) {
+        if (i < rows)
+            halden::compute::run_wide([&] { fold_row(previous, i, cols); });
+        else if ((i - rows) % halden::compute::items_per_lane_group == 0)
+            halden::compute::run_wide([&] { run_lanes(a, count_visits<std::int32_t>{visits}, claimed); });
+    });
 }
 
 }  // namespace
@@ -340,8 +331,7 @@ void Flow::flow(const usm_ptr<vec2, 1>& particles, unsigned offset, unsigned cou
     if (m_count_steps && m_particle_steps.size() < std::size_t(offset) + count) {
         m_particle_steps = usm_ptr<std::uint32_t, 1>(m_queue, {std::size_t(offset) + count}, "particle steps");
         std::uint32_t* d_steps = m_particle_steps.get();
-        m_queue.parallel_for(
-            m_particle_steps.extent(), HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
+        m_queue.parallel_for(m_particle_steps.extent(), HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
     }
     const trace_limits lim = limits_for(max_steps);
     const trace_launch a{particles.get() + offset,
@@ -512,14 +502,13 @@ bool Flow::process() {
     std::int32_t* d_spare = spare.get();
     float* d_a = m_intensity.get();
     float* d_b = m_result.get();
-    m_queue.parallel_for(
-        extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            const std::size_t i = row * cols + col;
-            d_visits[i] = 0;
-            if (d_spare) d_spare[i] = 0;
-            d_a[i] = 0.0f;
-            d_b[i] = 0.0f;
-        });
+    m_queue.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::size_t i = row * cols + col;
+        d_visits[i] = 0;
+        if (d_spare) d_spare[i] = 0;
+        d_a[i] = 0.0f;
+        d_b[i] = 0.0f;
+    });
     if (go_on) go_on = report_progress();
 
     if (go_on && !starts.empty()) {
@@ -546,8 +535,7 @@ bool Flow::process() {
         if (m_count_steps) {
             m_particle_steps = usm_ptr<std::uint32_t, 1>(m_queue, {n_particles}, "particle steps");
             std::uint32_t* d_steps = m_particle_steps.get();
-            m_queue.parallel_for(
-                range<1>{n_particles}, HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
+            m_queue.parallel_for(range<1>{n_particles}, HALDEN_KERNEL(std::size_t i) { d_steps[i] = 0; });
         }
 
         const unsigned batch = (n_particles + batches - 1) / batches;
@@ -610,11 +598,10 @@ bool Flow::process() {
     }
 
     // The map is the intensity plus the linear accumulation.
-    m_queue.parallel_for(
-        extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            const std::size_t i = row * cols + col;
-            d_b[i] = d_a[i] + d_b[i];
-        });
+    m_queue.parallel_for(extent, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::size_t i = row * cols + col;
+        d_b[i] = d_a[i] + d_b[i];
+    });
     // A failed device leaves the caller's array as it was.
     m_queue.synchronize();
     if (!m_queue.has_pending_errors()) {

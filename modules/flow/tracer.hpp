@@ -171,11 +171,6 @@ HALDEN_HD inline void run_trace(const trace_launch& a, unsigned k, const Sink& s
 // suit a sink whose writes stay in the caches; one whose visits miss them
 // wants more loads in flight.
 constexpr int lanes = 8;
-// Traces taken from the launch's shared counter at a time.
-constexpr int grab = 64;
-// Host work items per lane group: the first of each runs one, the others
-// return at once, so the launch still hands out its chunks to every thread.
-constexpr unsigned items_per_group = 256;
 
 using halden::compute::pick;
 using halden::compute::prefetch;
@@ -251,7 +246,7 @@ HALDEN_HD inline void run_lanes(const trace_launch& a, const Sink& sink, std::in
     int current = 0;
     typename Sink::pending late[lanes];
     int late_count = 0;
-    halden::compute::lane_feed feed{claimed, a.count, unsigned(grab)};
+    halden::compute::lane_feed feed{claimed, a.count};
     for (;;) {
         lane_state<lanes>& g = states[current];
         int running = 0;
@@ -312,7 +307,8 @@ void run_traces(halden::compute::queue& q, const trace_launch& a, const Sink& si
     q.copy(&zero, claimed, sizeof zero);
     q.parallel_for(
         traces, HALDEN_KERNEL(std::size_t i) {
-            if (i % items_per_group == 0) halden::compute::run_wide([&] { run_lanes(a, sink, claimed); });
+            if (i % halden::compute::items_per_lane_group == 0)
+                halden::compute::run_wide([&] { run_lanes(a, sink, claimed); });
         });
 }
 

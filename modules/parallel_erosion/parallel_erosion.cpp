@@ -101,8 +101,7 @@ std::string check(const Parameters& p) {
         return "lifetime must be at most 65536 cells long" + got(p.lifetime / p.cell_size);
     if (!(p.inertia >= 0.0f && p.inertia < 1.0f)) return "inertia must lie in [0, 1)" + got(p.inertia);
     if (!(p.capacity >= 0.0f && std::isfinite(p.capacity))) return "capacity must be finite, >= 0" + got(p.capacity);
-    if (!(p.min_slope >= 0.0f && std::isfinite(p.min_slope)))
-        return "min_slope must be finite, >= 0" + got(p.min_slope);
+    if (!(p.min_slope >= 0.0f && std::isfinite(p.min_slope))) return "min_slope must be finite, >= 0" + got(p.min_slope);
     if (!within(p.erosion_rate, 0.0f, 1.0f)) return "erosion_rate must lie in [0, 1]" + got(p.erosion_rate);
     if (!within(p.deposition_rate, 0.0f, 1.0f)) return "deposition_rate must lie in [0, 1]" + got(p.deposition_rate);
     if (!(p.evaporation >= 0.0f && p.evaporation < 1.0f)) return "evaporation must lie in [0, 1)" + got(p.evaporation);
@@ -119,7 +118,9 @@ std::string check(const Parameters& p) {
     return {};
 }
 
-std::uint64_t memory_estimate(const Parameters& p) { return 140u * std::uint64_t(p.width) * std::uint64_t(p.height); }
+std::uint64_t memory_estimate(const Parameters& p) {
+    return 140u * std::uint64_t(p.width) * std::uint64_t(p.height);
+}
 
 namespace plan {
 
@@ -345,11 +346,6 @@ HALDEN_HD inline void walk(Pass& pass, std::size_t index, const walk_inputs& in,
 
 // Droplets per host lane group: sixteen keep two vectors' chains in flight.
 constexpr int lanes = 16;
-// Droplets taken from the launch's shared counter at a time.
-constexpr unsigned grab = 64;
-// Host work items per lane group: the first of each runs one, the others
-// return at once, so the launch still hands out its chunks to every thread.
-constexpr unsigned items_per_group = 256;
 
 // The lanes' droplets and the strides they looked at, one array per field,
 // so that a step of all lanes loads and stores whole vectors.
@@ -411,7 +407,7 @@ HALDEN_HD inline void run_lanes(Pass& pass, const walk_inputs& in, const round_c
     typename Pass::carried carried[lanes];
     int steps[lanes] = {};
     bool on[lanes] = {};
-    halden::compute::lane_feed feed{claimed, k.count, grab};
+    halden::compute::lane_feed feed{claimed, k.count};
     // Puts the next droplet into lane l; false once none is left.
     const auto refill = [&](int l) {
         unsigned index;
@@ -451,23 +447,21 @@ template <bool coupled, class Pass>
 void launch(queue& q, const Pass& pass, const walk_inputs& in, const round_constants& k, std::int32_t* claimed,
             bool host_lanes) {
     if (!host_lanes || q.get_device().get_backend() != halden::compute::backend::native) {
-        q.parallel_for(
-            range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
-                Pass p = pass;
-                walk<coupled>(p, i, in, k);
-                p.finish();
-            });
+        q.parallel_for(range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
+            Pass p = pass;
+            walk<coupled>(p, i, in, k);
+            p.finish();
+        });
         return;
     }
     const std::int32_t zero = 0;
     q.copy(&zero, claimed, sizeof zero);
-    q.parallel_for(
-        range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
-            if (i % items_per_group != 0) return;
-            Pass p = pass;
-            halden::compute::run_wide([&] { run_lanes<coupled>(p, in, k, claimed); });
-            p.finish();
-        });
+    q.parallel_for(range<1>{k.count}, HALDEN_KERNEL(std::size_t i) {
+        if (i % halden::compute::items_per_lane_group != 0) return;
+        Pass p = pass;
+        halden::compute::run_wide([&] { run_lanes<coupled>(p, in, k, claimed); });
+        p.finish();
+    });
 }
 
 }  // namespace
@@ -520,25 +514,24 @@ void pad(queue& q, const std::int64_t* request, std::int64_t* padded, int w, int
 void spread(queue& q, const std::int64_t* padded, const std::int32_t* soft, const std::int32_t* taps, int n, int reach,
             std::int64_t* eroded, int w, int h) {
     const int cols = w + 2 * reach;
-    q.parallel_for(
-        range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            // The margins read as zero requests and zero softness: no
-            // request comes from outside the grid and none is given to it,
-            // and the loads run unchecked along the row.
-            const int p = (int(row) + reach) * cols + int(col) + reach;
-            const std::uint32_t soft_here = std::uint32_t(soft[p]);
-            const std::int64_t r = padded[p];
-            std::int64_t total = r;
-            for (int t = 0; t < n; ++t) {
-                const int offset = taps[3 * t + 1] * cols + taps[3 * t];
-                const std::uint64_t weight = std::uint32_t(taps[3 * t + 2]);
-                // What the request a tap away puts here, less what this
-                // cell's request gives the cell the tap reaches.
-                total += part_of(padded[p - offset], std::uint32_t((weight * soft_here) >> 16));
-                total -= part_of(r, std::uint32_t((weight * std::uint32_t(soft[p + offset])) >> 16));
-            }
-            eroded[std::size_t(row) * std::size_t(w) + col] = total;
-        });
+    q.parallel_for(range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        // The margins read as zero requests and zero softness: no
+        // request comes from outside the grid and none is given to it,
+        // and the loads run unchecked along the row.
+        const int p = (int(row) + reach) * cols + int(col) + reach;
+        const std::uint32_t soft_here = std::uint32_t(soft[p]);
+        const std::int64_t r = padded[p];
+        std::int64_t total = r;
+        for (int t = 0; t < n; ++t) {
+            const int offset = taps[3 * t + 1] * cols + taps[3 * t];
+            const std::uint64_t weight = std::uint32_t(taps[3 * t + 2]);
+            // What the request a tap away puts here, less what this
+            // cell's request gives the cell the tap reaches.
+            total += part_of(padded[p - offset], std::uint32_t((weight * soft_here) >> 16));
+            total -= part_of(r, std::uint32_t((weight * std::uint32_t(soft[p + offset])) >> 16));
+        }
+        eroded[std::size_t(row) * std::size_t(w) + col] = total;
+    });
 }
 
 ParallelErosion::ParallelErosion(queue& q, float* h_heights, const float* h_rain, const float* h_hardness,
@@ -583,24 +576,21 @@ bool ParallelErosion::report_progress() {
 namespace {
 
 void zero(queue& q, std::int64_t* d, std::size_t n) {
-    q.parallel_for(
-        range<1>{n}, HALDEN_KERNEL(std::size_t i) { d[i] = 0; });
+    q.parallel_for(range<1>{n}, HALDEN_KERNEL(std::size_t i) { d[i] = 0; });
 }
 
 // Kernels of the level loop, outside the class: the device compiler wants
 // the functions around its lambdas public.
 void clear_flag(queue& q, std::uint32_t* flag) {
-    q.parallel_for(
-        range<1>{1}, HALDEN_KERNEL(std::size_t) { *flag = 0; });
+    q.parallel_for(range<1>{1}, HALDEN_KERNEL(std::size_t) { *flag = 0; });
 }
 
 // The round's traced water, as floats, for the shares; the sums restart.
 void take_passing(queue& q, float* passing, std::int64_t* flux, std::size_t cells) {
-    q.parallel_for(
-        range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
-            passing[i] = halden::core::fixed_point{fixed_shift}.decode(flux[i]);
-            flux[i] = 0;
-        });
+    q.parallel_for(range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
+        passing[i] = halden::core::fixed_point{fixed_shift}.decode(flux[i]);
+        flux[i] = 0;
+    });
 }
 
 // The level's grids a round updates.
@@ -612,27 +602,26 @@ struct level_view {
 // Applies the round: heights, the running maps and the mean flow; the
 // fixed-point sums restart.
 void apply_round(queue& q, const level_view& v, const round_grids& g, std::size_t cells, bool coupled) {
-    q.parallel_for(
-        range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
-            const halden::core::fixed_point fixed{fixed_shift};
-            const std::int64_t down = g.laid[i], up = g.eroded[i];
-            v.heights[i] = v.heights[i] + fixed.decode(down - up);
-            v.deposited[i] = v.deposited[i] + fixed.decode(down);
-            v.eroded[i] = v.eroded[i] + fixed.decode(up);
-            const float water = v.passing[i];
-            v.water[i] = v.water[i] + water;
-            if (coupled) {
-                // The mean direction of this round's water, blended with the last.
-                const float mx = water > 0.0f ? fixed.decode(g.momentum[2 * i]) / water : 0.0f;
-                const float my = water > 0.0f ? fixed.decode(g.momentum[2 * i + 1]) / water : 0.0f;
-                v.mean_x[i] = 0.5f * v.mean_x[i] + 0.5f * mx;
-                v.mean_y[i] = 0.5f * v.mean_y[i] + 0.5f * my;
-                g.momentum[2 * i] = 0;
-                g.momentum[2 * i + 1] = 0;
-            }
-            g.request[i] = 0;
-            g.laid[i] = 0;
-        });
+    q.parallel_for(range<1>{cells}, HALDEN_KERNEL(std::size_t i) {
+        const halden::core::fixed_point fixed{fixed_shift};
+        const std::int64_t down = g.laid[i], up = g.eroded[i];
+        v.heights[i] = v.heights[i] + fixed.decode(down - up);
+        v.deposited[i] = v.deposited[i] + fixed.decode(down);
+        v.eroded[i] = v.eroded[i] + fixed.decode(up);
+        const float water = v.passing[i];
+        v.water[i] = v.water[i] + water;
+        if (coupled) {
+            // The mean direction of this round's water, blended with the last.
+            const float mx = water > 0.0f ? fixed.decode(g.momentum[2 * i]) / water : 0.0f;
+            const float my = water > 0.0f ? fixed.decode(g.momentum[2 * i + 1]) / water : 0.0f;
+            v.mean_x[i] = 0.5f * v.mean_x[i] + 0.5f * mx;
+            v.mean_y[i] = 0.5f * v.mean_y[i] + 0.5f * my;
+            g.momentum[2 * i] = 0;
+            g.momentum[2 * i + 1] = 0;
+        }
+        g.request[i] = 0;
+        g.laid[i] = 0;
+    });
 }
 
 std::int64_t host_sum(queue& q, const usm_ptr<std::int64_t, 1>& g, std::size_t n) {
@@ -654,7 +643,8 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
     const bool coupled = p.flow_coupling != 0;
     usm_ptr<std::int64_t, 1> request(q, {cells}, "erosion requests"), eroded(q, {cells}, "erosion"),
         laid(q, {cells}, "deposits"), flux(q, {cells}, "water flux"),
-        momentum(q, {coupled ? 2 * cells : 1}, "momentum"), left(q, {1}, "sediment leaving"), steps(q, {1}, "steps");
+        momentum(q, {coupled ? 2 * cells : 1}, "momentum"), left(q, {1}, "sediment leaving"),
+        steps(q, {1}, "steps");
     usm_ptr<std::uint32_t, 1> overflow(q, {1}, "overflow flag");
     usm_ptr<std::int32_t, 1> claimed(q, {1}, "droplets claimed");
     for (auto* g : {&request, &eroded, &laid, &flux, &momentum, &left, &steps}) zero(q, g->get(), g->size());
@@ -695,8 +685,8 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
     k.gravity = p.gravity;
     k.coupled = coupled;
     float* d_passing = level.layer(LaplacianLevel::passing_grid).get();
-    const round_grids g{request.get(), eroded.get(), laid.get(), flux.get(), momentum.get(),
-                        left.get(),    steps.get(),  d_passing,  d_overflow};
+    const round_grids g{request.get(), eroded.get(), laid.get(), flux.get(), momentum.get(), left.get(), steps.get(),
+                        d_passing, d_overflow};
 
     float* d_heights = level.heights().get();
     float* d_deposited = level.layer(LaplacianLevel::carried_grid).get();
@@ -739,9 +729,8 @@ bool ParallelErosion::erode(LaplacianLevel& level, int level_index) {
         if (!report_progress()) return false;
         m_steps = steps_before + std::uint64_t(walked);
         if (flagged)
-            throw std::overflow_error(
-                "sediment or water overflowed its 64-bit fixed-point range; lower the "
-                "heights' magnitude or the droplet density");
+            throw std::overflow_error("sediment or water overflowed its 64-bit fixed-point range; lower the "
+                                      "heights' magnitude or the droplet density");
     }
     return true;
 }
@@ -782,11 +771,10 @@ bool ParallelErosion::process() {
         // Water per droplet density and round, folded into [0, 1).
         float* d_water = f.layer(LaplacianLevel::water_grid).get();
         const float norm = 1.0f / (16.0f * p.droplets * float(p.rounds > 0 ? p.rounds : 1));
-        m_queue.parallel_for(
-            range<1>{f.heights().size()}, HALDEN_KERNEL(std::size_t i) {
-                const float x = d_water[i] * norm;
-                d_water[i] = x / (x + 1.0f);
-            });
+        m_queue.parallel_for(range<1>{f.heights().size()}, HALDEN_KERNEL(std::size_t i) {
+            const float x = d_water[i] * norm;
+            d_water[i] = x / (x + 1.0f);
+        });
         f.layer(LaplacianLevel::water_grid).copy_to_host(m_discharge);
     }
     m_queue.synchronize();

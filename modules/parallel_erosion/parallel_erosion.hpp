@@ -58,10 +58,10 @@ std::vector<std::int32_t> brush(float radius);
 
 // Sediment totals of a run in fixed-point units, gathered when asked for.
 struct mass {
-    std::int64_t taken = 0;   // taken up by droplets
-    std::int64_t spread = 0;  // removed from the cells (the same, spread by the brush)
-    std::int64_t laid = 0;    // laid down
-    std::int64_t left = 0;    // carried off the grid
+    std::int64_t taken = 0;  // taken up by droplets
+    std::int64_t spread = 0; // removed from the cells (the same, spread by the brush)
+    std::int64_t laid = 0;   // laid down
+    std::int64_t left = 0;   // carried off the grid
 };
 
 // The fixed-point accumulators of one level's round.
@@ -69,11 +69,11 @@ struct round_grids {
     std::int64_t* request;  // erosion asked for at a droplet's cell
     std::int64_t* eroded;   // the same, spread over the brush
     std::int64_t* laid;
-    std::int64_t* flux;      // water passing
-    std::int64_t* momentum;  // water times direction, x then y (coupled runs)
-    std::int64_t* left;      // one total
-    std::int64_t* steps;     // droplet steps traced, one total
-    const float* passing;    // water stepping off each cell in this round
+    std::int64_t* flux;     // water passing
+    std::int64_t* momentum; // water times direction, x then y (coupled runs)
+    std::int64_t* left;     // one total
+    std::int64_t* steps;    // droplet steps traced, one total
+    const float* passing;   // water stepping off each cell in this round
     std::uint32_t* overflow;
 };
 

@@ -94,17 +94,16 @@ std::array<float, talus_steps> talus_slopes(const Parameters& p) {
 void prepare_level(queue& q, float* talus, float* rates, const float* slopes, const float* mask, const float* hardness,
                    int w, int h, std::uint32_t seed, int depth, const level_constants& k) {
     const float talus_height = k.talus_height, rate = k.rate;
-    q.parallel_for(
-        range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
-            const std::size_t i = row * std::size_t(w) + col;
-            const std::uint32_t s = halden::counter_state(seed, std::uint32_t(i), std::uint32_t(depth));
-            talus[i] = slopes[s >> 24] * talus_height;
-            if (!rates) return;
-            float r = rate;
-            if (mask) r = r * min_of(max_of(mask[i], 0.0f), 1.0f);
-            if (hardness) r = r * (1.0f - min_of(max_of(hardness[i], 0.0f), 1.0f));
-            rates[i] = r;
-        });
+    q.parallel_for(range<2>{std::size_t(h), std::size_t(w)}, HALDEN_KERNEL(std::size_t row, std::size_t col) {
+        const std::size_t i = row * std::size_t(w) + col;
+        const std::uint32_t s = halden::counter_state(seed, std::uint32_t(i), std::uint32_t(depth));
+        talus[i] = slopes[s >> 24] * talus_height;
+        if (!rates) return;
+        float r = rate;
+        if (mask) r = r * min_of(max_of(mask[i], 0.0f), 1.0f);
+        if (hardness) r = r * (1.0f - min_of(max_of(hardness[i], 0.0f), 1.0f));
+        rates[i] = r;
+    });
 }
 
 namespace {
@@ -181,7 +180,8 @@ constexpr float kMaxUnits = 2147483520.0f;
 
 template <bool Border>
 HALDEN_HD inline void settle_fixed_at(const float* heights, const float* talus, const float* factor,
-                                      std::int64_t* amount, float scale, int w, int h, int x, int y, std::ptrdiff_t i) {
+                                      std::int64_t* amount, float scale, int w, int h, int x, int y,
+                                      std::ptrdiff_t i) {
     const float c = heights[i], t = talus[i], f = factor[i];
     std::int64_t change = 0;
     HALDEN_UNROLL
@@ -203,11 +203,10 @@ HALDEN_HD inline void settle_fixed_at(const float* heights, const float* talus, 
     amount[i] = amount[i] + change;
 }
 
-// Interior row `row` (0 the grid's second) of a pass in one vector loop: the
-// host's work item. A row per work item rather than a cell, so that in
-// translation units that nvcc compiles, whose kernel lambdas the host calls
-// through a type-erased wrapper, a call covers a row and its loop
-// vectorises.
+// Interior row `row` (0 the grid's second) of a pass, in one vector loop:
+// the host's work item. A row rather than a cell, so that in translation
+// units that nvcc compiles, whose kernel lambdas the host calls through a
+// type-erased wrapper, a call covers a row and its loop vectorises.
 template <bool Varied, bool Capped>
 HALDEN_HD inline void outflow_row(const float* heights, const float* talus, const float* rates, float rate,
                                   float* factor, int w, int h, int row, const float* cap) {
@@ -216,7 +215,6 @@ HALDEN_HD inline void outflow_row(const float* heights, const float* talus, cons
     for (int c = 0; c < w - 2; ++c)
         factor[first + c] = outflow_at<false, Varied, Capped>(heights, talus, rates, rate, w, h, 0, 0, first + c, cap);
 }
-
 template <bool Track>
 HALDEN_HD inline void settle_row(const float* heights, const float* talus, const float* factor, float* next,
                                  float* moved, float* resting, int w, int h, int row) {
@@ -233,103 +231,94 @@ HALDEN_HD inline void settle_fixed_row(const float* heights, const float* talus,
         settle_fixed_at<false>(heights, talus, factor, amount, scale, w, h, 0, 0, first + c);
 }
 
+// A pass's interior: `rows(row)` per interior row on the host, `cells(row,
+// col)` per interior cell on a device.
+template <class Rows, class Cells>
+void launch_interior(queue& q, int w, int h, const Rows& rows, const Cells& cells) {
+    if (q.get_device().get_backend() == halden::compute::backend::native)
+        q.parallel_for(range<1>{interior_extent(w, h).rows}, rows);
+    else
+        q.parallel_for(interior_extent(w, h), cells);
+}
+
 // The kernels are instantiated for each combination of the loop-invariant
 // choices, so that no test on them is left inside the vectorised loop.
 template <bool Varied, bool Capped = false>
 void outflow_launch(queue& q, const float* heights, const float* talus, const float* rates, float rate, float* factor,
                     int w, int h, const float* cap = nullptr) {
-    if (q.get_device().get_backend() == halden::compute::backend::native) {
-        q.parallel_for(
-            range<1>{interior_extent(w, h).rows}, HALDEN_KERNEL(std::size_t row) {
-                halden::compute::run_wide(
-                    [&] { outflow_row<Varied, Capped>(heights, talus, rates, rate, factor, w, h, int(row), cap); });
-            });
-    } else {
-        q.parallel_for(
-            interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-                const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
-                factor[i] = outflow_at<false, Varied, Capped>(heights, talus, rates, rate, w, h, 0, 0, i, cap);
-            });
-    }
-    q.parallel_for(
-        range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
-            const halden::core::cell b = border_cell(k, w, h);
-            const std::ptrdiff_t i = std::ptrdiff_t(b.y) * w + b.x;
-            factor[i] = outflow_at<true, Varied, Capped>(heights, talus, rates, rate, w, h, b.x, b.y, i, cap);
+    launch_interior(
+        q, w, h,
+        HALDEN_KERNEL(std::size_t row) {
+            halden::compute::run_wide(
+                [&] { outflow_row<Varied, Capped>(heights, talus, rates, rate, factor, w, h, int(row), cap); });
+        },
+        HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
+            factor[i] = outflow_at<false, Varied, Capped>(heights, talus, rates, rate, w, h, 0, 0, i, cap);
         });
+    q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
+        const halden::core::cell b = border_cell(k, w, h);
+        const std::ptrdiff_t i = std::ptrdiff_t(b.y) * w + b.x;
+        factor[i] = outflow_at<true, Varied, Capped>(heights, talus, rates, rate, w, h, b.x, b.y, i, cap);
+    });
 }
 
 template <bool Track>
 void settle_launch(queue& q, const float* heights, const float* talus, const float* factor, float* next, float* moved,
                    float* resting, int w, int h) {
-    if (q.get_device().get_backend() == halden::compute::backend::native) {
-        q.parallel_for(
-            range<1>{interior_extent(w, h).rows}, HALDEN_KERNEL(std::size_t row) {
-                halden::compute::run_wide(
-                    [&] { settle_row<Track>(heights, talus, factor, next, moved, resting, w, h, int(row)); });
-            });
-    } else {
-        q.parallel_for(
-            interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-                const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
-                settle_at<false, Track>(heights, talus, factor, next, moved, resting, w, h, 0, 0, i);
-            });
-    }
-    q.parallel_for(
-        range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
-            const halden::core::cell b = border_cell(k, w, h);
-            settle_at<true, Track>(heights, talus, factor, next, moved, resting, w, h, b.x, b.y,
-                                   std::ptrdiff_t(b.y) * w + b.x);
+    launch_interior(
+        q, w, h,
+        HALDEN_KERNEL(std::size_t row) {
+            halden::compute::run_wide(
+                [&] { settle_row<Track>(heights, talus, factor, next, moved, resting, w, h, int(row)); });
+        },
+        HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
+            settle_at<false, Track>(heights, talus, factor, next, moved, resting, w, h, 0, 0, i);
         });
+    q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
+        const halden::core::cell b = border_cell(k, w, h);
+        settle_at<true, Track>(heights, talus, factor, next, moved, resting, w, h, b.x, b.y,
+                               std::ptrdiff_t(b.y) * w + b.x);
+    });
 }
 
 }  // namespace
 
 void outflow(queue& q, const float* heights, const float* talus, const float* rates, float rate, float* factor, int w,
              int h) {
-    if (rates)
-        outflow_launch<true>(q, heights, talus, rates, rate, factor, w, h);
-    else
-        outflow_launch<false>(q, heights, talus, rates, rate, factor, w, h);
+    if (rates) outflow_launch<true>(q, heights, talus, rates, rate, factor, w, h);
+    else outflow_launch<false>(q, heights, talus, rates, rate, factor, w, h);
 }
 
 void settle(queue& q, const float* heights, const float* talus, const float* factor, float* next, float* moved,
             float* resting, int w, int h) {
-    if (moved)
-        settle_launch<true>(q, heights, talus, factor, next, moved, resting, w, h);
-    else
-        settle_launch<false>(q, heights, talus, factor, next, moved, resting, w, h);
+    if (moved) settle_launch<true>(q, heights, talus, factor, next, moved, resting, w, h);
+    else settle_launch<false>(q, heights, talus, factor, next, moved, resting, w, h);
 }
 
 void outflow(queue& q, const float* heights, const float* talus, const float* rates, float rate, const float* cap,
              float* factor, int w, int h) {
-    if (rates)
-        outflow_launch<true, true>(q, heights, talus, rates, rate, factor, w, h, cap);
-    else
-        outflow_launch<false, true>(q, heights, talus, rates, rate, factor, w, h, cap);
+    if (rates) outflow_launch<true, true>(q, heights, talus, rates, rate, factor, w, h, cap);
+    else outflow_launch<false, true>(q, heights, talus, rates, rate, factor, w, h, cap);
 }
 
 void settle_fixed(queue& q, const float* heights, const float* talus, const float* factor, std::int64_t* amount,
                   int shift, int w, int h) {
     const float scale = float(std::int64_t(1) << shift);
-    if (q.get_device().get_backend() == halden::compute::backend::native) {
-        q.parallel_for(
-            range<1>{interior_extent(w, h).rows}, HALDEN_KERNEL(std::size_t row) {
-                halden::compute::run_wide(
-                    [&] { settle_fixed_row(heights, talus, factor, amount, scale, w, h, int(row)); });
-            });
-    } else {
-        q.parallel_for(
-            interior_extent(w, h), HALDEN_KERNEL(std::size_t row, std::size_t col) {
-                const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
-                settle_fixed_at<false>(heights, talus, factor, amount, scale, w, h, 0, 0, i);
-            });
-    }
-    q.parallel_for(
-        range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
-            const halden::core::cell b = border_cell(k, w, h);
-            settle_fixed_at<true>(heights, talus, factor, amount, scale, w, h, b.x, b.y, std::ptrdiff_t(b.y) * w + b.x);
+    launch_interior(
+        q, w, h,
+        HALDEN_KERNEL(std::size_t row) {
+            halden::compute::run_wide([&] { settle_fixed_row(heights, talus, factor, amount, scale, w, h, int(row)); });
+        },
+        HALDEN_KERNEL(std::size_t row, std::size_t col) {
+            const std::ptrdiff_t i = std::ptrdiff_t(row + 1) * w + std::ptrdiff_t(col) + 1;
+            settle_fixed_at<false>(heights, talus, factor, amount, scale, w, h, 0, 0, i);
         });
+    q.parallel_for(range<1>{border_cells(w, h)}, HALDEN_KERNEL(std::size_t k) {
+        const halden::core::cell b = border_cell(k, w, h);
+        settle_fixed_at<true>(heights, talus, factor, amount, scale, w, h, b.x, b.y, std::ptrdiff_t(b.y) * w + b.x);
+    });
 }
 
 Thermal::Thermal(queue& q, float* h_heights, const float* h_mask, float* h_deposition, const float* h_hardness,
